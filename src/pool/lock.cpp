@@ -3,9 +3,9 @@
 // of -1 as failure, while the destroy counts any non-zero result; that difference is kept.
 #include "pool/pool.h"
 
+#include <unistd.h>
 #include <cerrno>
 #include <cstring>
-#include <unistd.h>
 
 #include "trace/trace.h"
 
