@@ -26,6 +26,8 @@ namespace registry = xajms::registry;
 
 constexpr char kAttach[] = "GetSharedMemory_jms";
 constexpr char kClear[] = "ClearingSharedMemory_jms";
+constexpr char kAttached[] =
+    "Attached shared memory pre-allocated by different process at %lx, Number rows %d";
 
 // True when the descriptor is a regular file of at least the registry's size, so that
 // every byte of the mapping is backed by the file. A shorter file would turn the first
@@ -51,9 +53,7 @@ void refuse(void *mapping) {
 void adoptOrFormat(void *mapping) {
     auto *file = static_cast<File *>(mapping);
     if (std::memcmp(file->header.signature, registry::kPath, registry::kSignatureLength) == 0) {
-        xajms::trace::data(jmstracefile, kVarnelink, kAttach,
-                           "Attached shared memory pre-allocated by different process at %lx, "
-                           "Number rows %d",
+        xajms::trace::data(jmstracefile, kVarnelink, kAttach, kAttached,
                            reinterpret_cast<unsigned long>(mapping),
                            registry::load(file->header.rowCount));
         return;
