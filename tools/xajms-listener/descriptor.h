@@ -8,7 +8,7 @@
 namespace xajms::listener {
 
 class Descriptor {
-public:
+  public:
     Descriptor() = default;
     explicit Descriptor(int fd) : fd_(fd) {}
     Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
@@ -31,8 +31,8 @@ public:
         fd_ = fd;
     }
 
-private:
+  private:
     int fd_ = -1;
 };
 
-} // namespace xajms::listener
+}  // namespace xajms::listener

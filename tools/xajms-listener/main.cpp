@@ -30,7 +30,7 @@ int runListener(const xajms::listener::Options &options) {
     return serve(options, listener, signals, log);
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char **argv) {
     using namespace xajms::listener;

@@ -80,7 +80,8 @@ struct OptionSpec {
     throw UsageError(std::string(option) + ": " + std::string(what));
 }
 
-template <typename T> T parseNumber(std::string_view text, std::string_view option, int base) {
+template <typename T>
+T parseNumber(std::string_view text, std::string_view option, int base) {
     T value{};
     const auto *end = text.data() + text.size();
     const auto [ptr, ec] = std::from_chars(text.data(), end, value, base);
@@ -259,7 +260,7 @@ const OptionSpec &findOption(std::string_view name) {
     throw UsageError("unknown option '" + std::string(name) + "' (see --help)");
 }
 
-} // namespace
+}  // namespace
 
 Options parseOptions(int argc, const char *const *argv) {
     Options o;
@@ -298,4 +299,4 @@ std::string_view helpText() {
     return kHelp;
 }
 
-} // namespace xajms::listener
+}  // namespace xajms::listener

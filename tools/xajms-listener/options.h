@@ -49,7 +49,7 @@ struct Options {
 
 // A bad command line; what() is the one-line reason.
 class UsageError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
@@ -62,4 +62,4 @@ Behaviour behaviourFor(const Options &o, std::uint64_t n, RequestType type);
 
 std::string_view helpText();
 
-} // namespace xajms::listener
+}  // namespace xajms::listener

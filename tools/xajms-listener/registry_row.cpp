@@ -29,7 +29,7 @@ constexpr char kSignature[] = "/var/orlom/XA_SWITCH_MMF";
 // Holds an exclusive flock on the registry file for its lifetime (only other listeners
 // take it; the library takes no lock on the file).
 class FileLock {
-public:
+  public:
     explicit FileLock(int fd) : fd_(fd) {
         while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
         }
@@ -38,7 +38,7 @@ public:
     FileLock(const FileLock &) = delete;
     FileLock &operator=(const FileLock &) = delete;
 
-private:
+  private:
     int fd_;
 };
 
@@ -105,7 +105,7 @@ int chooseRow(unsigned char *map) {
     return bound < kRegistryRows ? bound : -1;
 }
 
-} // namespace
+}  // namespace
 
 RegistryRow::RegistryRow(const std::string &path, Mode mode, int port, std::string_view name)
     : fd_(openRegistry(path)), pid_(::getpid()), port_(port) {
@@ -143,4 +143,4 @@ RegistryRow::~RegistryRow() {
     ::munmap(map_, kRegistrySize);
 }
 
-} // namespace xajms::listener
+}  // namespace xajms::listener

@@ -26,7 +26,7 @@ inline constexpr std::size_t kRowModeOffset = 12;
 inline constexpr std::size_t kRowNameOffset = 24;
 
 class RegistryRow {
-public:
+  public:
     // Opens (creating and formatting when needed) the registry file at path and fills a row
     // with this process's pid, the port, the mode and the name. Throws std::runtime_error
     // when the file cannot be opened or mapped, or every row is taken.
@@ -38,7 +38,7 @@ public:
 
     int index() const { return row_; }
 
-private:
+  private:
     Descriptor fd_;
     unsigned char *map_ = nullptr;
     int row_ = -1;
@@ -46,4 +46,4 @@ private:
     int port_ = 0;
 };
 
-} // namespace xajms::listener
+}  // namespace xajms::listener

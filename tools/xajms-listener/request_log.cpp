@@ -54,15 +54,15 @@ RequestLine::RequestLine(std::uint64_t n, const Header &h) {
 void RequestLine::xid(std::span<const std::uint8_t> payload) {
     XidView v{};
     switch (decodeXid(payload, v)) {
-    case XidStatus::absent:
-        add(" xid=none");
-        return;
-    case XidStatus::malformed:
-        add(" xid=malformed:");
-        length_ += toHex(payload, buffer_ + length_);
-        return;
-    case XidStatus::valid:
-        break;
+        case XidStatus::absent:
+            add(" xid=none");
+            return;
+        case XidStatus::malformed:
+            add(" xid=malformed:");
+            length_ += toHex(payload, buffer_ + length_);
+            return;
+        case XidStatus::valid:
+            break;
     }
     // The formatID as --xid reads it back: 0x-prefixed hex, a minus sign before it if negative.
     const bool negative = v.formatId < 0;
@@ -94,20 +94,20 @@ void RequestLine::outcome(Behaviour b, std::optional<RequestType> type, std::int
                           std::size_t xidCount) {
     add(" -> ");
     switch (b.kind) {
-    case Misbehaviour::never:
-        add("never");
-        return;
-    case Misbehaviour::drop:
-        add("drop");
-        return;
-    case Misbehaviour::late:
-        format("late %d.%03ds ", b.lateMs / 1000, b.lateMs % 1000);
-        break;
-    case Misbehaviour::half:
-        add("half ");
-        break;
-    case Misbehaviour::none:
-        break;
+        case Misbehaviour::never:
+            add("never");
+            return;
+        case Misbehaviour::drop:
+            add("drop");
+            return;
+        case Misbehaviour::late:
+            format("late %d.%03ds ", b.lateMs / 1000, b.lateMs % 1000);
+            break;
+        case Misbehaviour::half:
+            add("half ");
+            break;
+        case Misbehaviour::none:
+            break;
     }
     if (type == RequestType::recover) {
         format("xids=%zu", xidCount);
@@ -134,4 +134,4 @@ void RequestLine::format(const char *fmt, ...) {
     }
 }
 
-} // namespace xajms::listener
+}  // namespace xajms::listener

@@ -15,7 +15,7 @@ namespace xajms::listener {
 
 // Where request lines go: a file opened for appending, standard output, or nowhere.
 class RequestLog {
-public:
+  public:
     explicit RequestLog(const Options &options);
     RequestLog(const RequestLog &) = delete;
     RequestLog &operator=(const RequestLog &) = delete;
@@ -25,7 +25,7 @@ public:
     // Writes one line and flushes it, so that a reader sees each request as it is handled.
     void write(std::string_view line);
 
-private:
+  private:
     std::FILE *file_ = nullptr;
     bool owned_ = false;
 };
@@ -37,7 +37,7 @@ inline constexpr std::size_t kLineSize = 256 + 4 * kMaxRequestSize;
 // Builds one request line in a fixed buffer large enough for the largest request the
 // listener accepts, its payload in hex or escaped text included.
 class RequestLine {
-public:
+  public:
     // "#n TYPE rmid=R flags=0x...", TYPE being the request's name or "unknown type=0x...".
     RequestLine(std::uint64_t n, const Header &h);
     void xid(std::span<const std::uint8_t> payload);
@@ -49,10 +49,10 @@ public:
     void add(std::string_view s);
     std::string_view view() const { return {buffer_, length_}; }
 
-private:
+  private:
     void format(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
     char buffer_[kLineSize];
     std::size_t length_ = 0;
 };
 
-} // namespace xajms::listener
+}  // namespace xajms::listener

@@ -63,11 +63,11 @@ struct Timer {
 enum class After { keep, close };
 
 class Server {
-public:
+  public:
     Server(const Options &options, int listener, int signals, RequestLog &log);
     int run();
 
-private:
+  private:
     void add(int fd, std::uint32_t events, int op);
     void dispatch(const epoll_event &e);
     void acceptAll();
@@ -95,7 +95,10 @@ private:
 };
 
 Server::Server(const Options &options, int listener, int signals, RequestLog &log)
-    : options_(options), log_(log), listener_(listener), signals_(signals),
+    : options_(options),
+      log_(log),
+      listener_(listener),
+      signals_(signals),
       epoll_(::epoll_create1(EPOLL_CLOEXEC)),
       recoverReply_(
           encodeRecoverReply(options.xids, options.recoverCount, options.recoverDataSize)) {
@@ -269,22 +272,22 @@ After Server::handle(Connection &c, const Header &h, std::span<const std::uint8_
 
 After Server::answer(Connection &c, Behaviour b, const std::uint8_t *bytes, std::size_t length) {
     switch (b.kind) {
-    case Misbehaviour::none:
-        return send(c, bytes, length) ? After::keep : After::close;
-    case Misbehaviour::late:
-        c.waiting = true;
-        c.held = bytes;
-        c.heldLength = length;
-        timers_.push(Timer{nowMs() + b.lateMs, c.fd.get(), c.generation});
-        add(c.fd.get(), 0, EPOLL_CTL_MOD);
-        return After::keep;
-    case Misbehaviour::never:
-        return After::keep;
-    case Misbehaviour::drop:
-        return After::close;
-    case Misbehaviour::half:
-        ::send(c.fd.get(), bytes, length / 2, MSG_NOSIGNAL);
-        return After::close;
+        case Misbehaviour::none:
+            return send(c, bytes, length) ? After::keep : After::close;
+        case Misbehaviour::late:
+            c.waiting = true;
+            c.held = bytes;
+            c.heldLength = length;
+            timers_.push(Timer{nowMs() + b.lateMs, c.fd.get(), c.generation});
+            add(c.fd.get(), 0, EPOLL_CTL_MOD);
+            return After::keep;
+        case Misbehaviour::never:
+            return After::keep;
+        case Misbehaviour::drop:
+            return After::close;
+        case Misbehaviour::half:
+            ::send(c.fd.get(), bytes, length / 2, MSG_NOSIGNAL);
+            return After::close;
     }
     return After::close;
 }
@@ -338,7 +341,7 @@ void Server::fireTimers() {
     }
 }
 
-} // namespace
+}  // namespace
 
 Descriptor listenOn(int port, int &boundPort) {
     Descriptor fd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -387,4 +390,4 @@ int serve(const Options &options, const Descriptor &listener, const Descriptor &
     return server.run();
 }
 
-} // namespace xajms::listener
+}  // namespace xajms::listener

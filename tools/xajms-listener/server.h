@@ -21,4 +21,4 @@ Descriptor terminationSignals();
 int serve(const Options &options, const Descriptor &listener, const Descriptor &signals,
           RequestLog &log);
 
-} // namespace xajms::listener
+}  // namespace xajms::listener

@@ -23,7 +23,7 @@ constexpr std::array<RequestCode, kRequestTypes> kCodes = {{
 
 constexpr std::int32_t kRecoverCode = 0x2006;
 
-} // namespace
+}  // namespace
 
 std::string_view requestName(RequestType type) {
     return kCodes[static_cast<std::size_t>(type)].name;
@@ -144,4 +144,4 @@ std::size_t toHex(std::span<const std::uint8_t> bytes, char *out) {
     return 2 * bytes.size();
 }
 
-} // namespace xajms::listener
+}  // namespace xajms::listener

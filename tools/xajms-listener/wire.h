@@ -82,4 +82,4 @@ std::vector<std::uint8_t> encodeRecoverReply(const std::vector<Xid> &xids,
 // which is always 2 * bytes.size() (out must have room for them).
 std::size_t toHex(std::span<const std::uint8_t> bytes, char *out);
 
-} // namespace xajms::listener
+}  // namespace xajms::listener
