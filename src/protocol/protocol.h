@@ -1,0 +1,35 @@
+// Internal interface of the listener protocol: request codes, sizes of the wire format, and
+// the checks that keep a listener's reply inside the buffers that hold it.
+#pragma once
+
+#include <xajms/xajms.h>
+
+#include <cstddef>
+
+namespace xajms::protocol {
+
+// Request codes (msgType) sent to a listener.
+inline constexpr int kPrepare = 0x2002;
+inline constexpr int kCommit = 0x2003;
+inline constexpr int kRollback = 0x2004;
+inline constexpr int kClose = 0x2005;
+inline constexpr int kRecover = 0x2006;
+inline constexpr int kForget = 0x2008;
+
+inline constexpr int kHeaderSize = 20;       // msgSize, msgType, rmid, flags
+inline constexpr int kFlatXidHeader = 24;    // formatID, gtrid_length, bqual_length
+inline constexpr int kFlatXidClear = 160;    // bytes a flattening clears in its output
+inline constexpr int kRequestBuffer = 200;   // the senders' request buffer
+inline constexpr int kRecoverBuffer = 1024;  // the caller's buffer of a recover reply
+inline constexpr int kNoAnswer = -99;        // no answer in time: never leaves the senders
+inline constexpr char kCloseText[] = "Cleanup Java Process";
+
+// How many data bytes of an XID are used for its lengths: gtrid_length + bqual_length as
+// long as that lies within the 128-byte data area, else cut to 0 or 128.
+long dataBytes(long gtridLength, long bqualLength);
+
+// True when `size` bytes at `data` hold `count` flattened XIDs back to back, each with
+// non-negative lengths whose sum fits the 128-byte data area of an XID record.
+bool recordsFit(const unsigned char *data, long size, int count);
+
+}  // namespace xajms::protocol

@@ -1,0 +1,193 @@
+// The interposed C library calls of the test executables and their switches.
+#include "support/fakes.h"
+
+#include <unistd.h>
+#include <atomic>
+#include <mutex>
+
+namespace xajms::test {
+namespace {
+
+struct State {
+    std::atomic<bool> clockArmed{false};
+    std::mutex clockLock;
+    timeval now{};
+    std::atomic<int> sleeps{0};
+    std::atomic<unsigned> slept{0};
+    std::atomic<bool> pidArmed{false};
+    std::atomic<pid_t> pid{0};
+    PollScript poll;
+    RecvScript recv;
+    DlopenScript dlopen;
+    std::atomic<int> polls{0};
+    std::atomic<int> recvs{0};
+    std::atomic<int> dlopens{0};
+};
+
+State &state() {
+    static State s;
+    return s;
+}
+
+template <typename Fn>
+Fn next(const char *name) {
+    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+void armClock(time_t seconds, suseconds_t micros) {
+    std::lock_guard<std::mutex> hold(state().clockLock);
+    state().now = timeval{seconds, micros};
+    state().clockArmed = true;
+}
+
+void disarmClock() {
+    state().clockArmed = false;
+}
+
+void advanceClock(time_t seconds) {
+    std::lock_guard<std::mutex> hold(state().clockLock);
+    state().now.tv_sec += seconds;
+}
+
+int sleepCalls() {
+    return state().sleeps;
+}
+
+unsigned sleptSeconds() {
+    return state().slept;
+}
+
+void resetSleeps() {
+    state().sleeps = 0;
+    state().slept = 0;
+}
+
+void armPid(pid_t pid) {
+    state().pid = pid;
+    state().pidArmed = true;
+}
+
+void disarmPid() {
+    state().pidArmed = false;
+}
+
+void setPoll(PollScript script) {
+    state().poll = std::move(script);
+}
+
+void setRecv(RecvScript script) {
+    state().recv = std::move(script);
+}
+
+void setDlopen(DlopenScript script) {
+    state().dlopen = std::move(script);
+}
+
+void clearScripts() {
+    state().poll = nullptr;
+    state().recv = nullptr;
+    state().dlopen = nullptr;
+}
+
+int pollCalls() {
+    return state().polls;
+}
+
+int recvCalls() {
+    return state().recvs;
+}
+
+int dlopenCalls() {
+    return state().dlopens;
+}
+
+int realPoll(pollfd *fds, nfds_t count, int timeout) {
+    static auto fn = next<int (*)(pollfd *, nfds_t, int)>("poll");
+    return fn(fds, count, timeout);
+}
+
+ssize_t realRecv(int fd, void *buffer, size_t length, int flags) {
+    static auto fn = next<ssize_t (*)(int, void *, size_t, int)>("recv");
+    return fn(fd, buffer, length, flags);
+}
+
+void *realDlopen(const char *file, int mode) {
+    static auto fn = next<void *(*)(const char *, int)>("dlopen");
+    return fn(file, mode);
+}
+
+}  // namespace xajms::test
+
+using xajms::test::state;
+
+extern "C" {
+
+unsigned int sleep(unsigned int seconds) {
+    state().sleeps += 1;
+    state().slept += seconds;
+    if (state().clockArmed) {
+        xajms::test::advanceClock(static_cast<time_t>(seconds));
+    }
+    return 0;
+}
+
+time_t time(time_t *out) noexcept {
+    time_t now = 0;
+    if (state().clockArmed) {
+        std::lock_guard<std::mutex> hold(state().clockLock);
+        now = state().now.tv_sec;
+    } else {
+        static auto fn = xajms::test::next<time_t (*)(time_t *)>("time");
+        now = fn(nullptr);
+    }
+    if (out != nullptr) {
+        *out = now;
+    }
+    return now;
+}
+
+int gettimeofday(struct timeval *__restrict tv, void *__restrict tz) noexcept {
+    if (!state().clockArmed) {
+        static auto fn = xajms::test::next<int (*)(timeval *, void *)>("gettimeofday");
+        return fn(tv, tz);
+    }
+    std::lock_guard<std::mutex> hold(state().clockLock);
+    *tv = state().now;
+    return 0;
+}
+
+pid_t getpid(void) noexcept {
+    if (state().pidArmed) {
+        return state().pid;
+    }
+    static auto fn = xajms::test::next<pid_t (*)()>("getpid");
+    return fn();
+}
+
+int poll(struct pollfd *fds, nfds_t count, int timeout) {
+    state().polls += 1;
+    if (state().poll) {
+        return state().poll(fds, count, timeout);
+    }
+    return xajms::test::realPoll(fds, count, timeout);
+}
+
+ssize_t recv(int fd, void *buffer, size_t length, int flags) {
+    state().recvs += 1;
+    if (state().recv) {
+        return state().recv(fd, buffer, length, flags);
+    }
+    return xajms::test::realRecv(fd, buffer, length, flags);
+}
+
+void *dlopen(const char *file, int mode) noexcept {
+    state().dlopens += 1;
+    if (state().dlopen) {
+        return state().dlopen(file, mode);
+    }
+    return xajms::test::realDlopen(file, mode);
+}
+
+}  // extern "C"
