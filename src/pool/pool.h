@@ -1,0 +1,71 @@
+// Internal interface of the connection pool and socket I/O: action codes, result codes and
+// limits of the pool table, and the table helpers that the get, return, refresh and clear
+// operations share.
+#pragma once
+
+#include <xajms/xajms.h>
+
+#include <cstdint>
+
+namespace xajms::pool {
+
+// Action codes of connectionSocketPool_jms.
+inline constexpr int kActionGet = 10;
+inline constexpr int kActionReturn = 20;
+inline constexpr int kActionRefresh = 30;
+inline constexpr int kActionClear = 40;
+
+// The port argument of a clear that empties every row.
+inline constexpr int kAllPorts = -1;
+
+// Results of poolGetNext_jms besides a descriptor: no connection could be made, every one of
+// the port's 30 sockets is in use, or the port is new and the table is full.
+inline constexpr int kNoSocket = 0;
+inline constexpr int kSocketsExhausted = -1;
+inline constexpr int kPortsExhausted = -2;
+
+// Results of the timed reads besides a byte count.
+inline constexpr int kReadFailed = -1;
+inline constexpr int kTimedOut = -99;
+
+// Result of poolReturnAndRefresh_jms, whatever happened.
+inline constexpr int kRefreshResult = -1;
+
+// Size of the table: port rows per process and socket slots per port.
+inline constexpr int kMaxPorts = 500;
+inline constexpr int kMaxSockets = 30;
+
+// Attempts of an action-10 get, and the seconds slept after each failed one.
+inline constexpr int kGetAttempts = 3;
+inline constexpr unsigned kRetrySleepSeconds = 1;
+
+// Interrupted waits and would-block receives tolerated by one recvTimeout_jms call.
+inline constexpr int kMaxFailures = 99;
+
+// Share of idle sockets, in percent, above which a return shrinks a port's sockets, and the
+// number of sockets a port must exceed before the share is looked at.
+inline constexpr int kIdleShareLimit = 60;
+inline constexpr int kShrinkMinimumRows = 5;
+
+// The number of port rows that may be read: numPorts cut to 0 .. 500.
+int usedPorts();
+
+// The number of a row's slots that may be read: rows cut to 0 .. 30.
+int liveSlots(const PortRow &row);
+
+// Index of the first slot below liveSlots(row) that holds sockfd, or -1.
+int findSlot(const PortRow &row, int sockfd);
+
+// Adds delta to a counter with two's-complement wrap-around, so that a drifting `available`
+// never overflows into undefined behaviour.
+int32_t wrapAdd(int32_t value, int32_t delta);
+
+// Shuts a descriptor down for reading, then for writing, and closes it; the results are
+// not examined.
+void shutAndClose(int sockfd);
+
+// After the top slot was emptied: lowers rows past it and past every further empty slot
+// below, stopping at a slot that holds a descriptor or at 0.
+void lowerRows(PortRow &row);
+
+}  // namespace xajms::pool
