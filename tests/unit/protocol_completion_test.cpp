@@ -68,7 +68,6 @@ TEST(Completion, SendersMapTheFanOutResult) {
         std::vector<int> types;    // the request codes it was asked to send
     } cases[] = {
         {"prepare rdonly", sendXAPrepare_jms, {3}, 3, {kPrepare}},
-        {"prepare ok", sendXAPrepare_jms, {0}, 0, {kPrepare}},
         {"prepare rmerr", sendXAPrepare_jms, {-3}, -7, {kPrepare}},
         {"prepare rollback code", sendXAPrepare_jms, {101}, 101, {kPrepare}},
         {"prepare notA", sendXAPrepare_jms, {-4}, -4, {kPrepare}},
@@ -80,10 +79,8 @@ TEST(Completion, SendersMapTheFanOutResult) {
          {kPrepare, kRollback}},
         {"commit rmerr", sendXACommit_jms, {-3}, -7, {kCommit}},
         {"commit no answer", sendXACommit_jms, {-99}, -7, {kCommit}},
-        {"commit heuristic", sendXACommit_jms, {7}, 7, {kCommit}},
         {"commit notA", sendXACommit_jms, {-4}, -4, {kCommit}},
         {"rollback rmerr", sendXARollback_jms, {-3}, -7, {kRollback}},
-        {"rollback ok", sendXARollback_jms, {0}, 0, {kRollback}},
         {"forget no answer", sendXAForget_jms, {-99}, -7, {kForget}},
         {"forget proto", sendXAForget_jms, {-6}, -6, {kForget}},
     };
@@ -98,26 +95,6 @@ TEST(Completion, SendersMapTheFanOutResult) {
         EXPECT_EQ(rc, c.expected);
         EXPECT_EQ(fanOutTypes, c.types);
     }
-}
-
-TEST(Completion, OnlyPrepareRecordsThatThisProcessSentToAListener) {
-    const XID xid{};
-    fanOutScripted = true;
-    sendXACommit_jms(&xid, 1, 0);
-    sendXARollback_jms(&xid, 1, 0);
-    sendXAForget_jms(&xid, 1, 0);
-    EXPECT_EQ(flSocketBrokerHasDeployed_jms, 0);
-    sendXAPrepare_jms(&xid, 1, 0);
-    fanOutScripted = false;
-    EXPECT_EQ(flSocketBrokerHasDeployed_jms, 1);
-}
-
-TEST(Close, WithoutARecoveryPortSleepsFiveTimesAndReturnsZero) {
-    ENTER_PRIVATE_ORLOM();
-    writeRegistry({{2, 4711}, {3, 4712}});
-    resetSleeps();
-    EXPECT_EQ(sendXAClose_jms("Cleanup Java Process", 1, 0), 0);
-    EXPECT_EQ(sleepCalls(), 5);
 }
 
 // While the registry cannot be attached the close asks again at once: no sleep, no count.
@@ -172,18 +149,6 @@ TEST(Close, SentCloseMarksThePortDeadAndDropsItsSockets) {
             }
         }
     }
-}
-
-TEST(Close, AFailedWriteIsRmfail) {
-    ENTER_PRIVATE_ORLOM();
-    ScriptedListener recovery({});
-    writeRegistry({{1, recovery.port()}});
-    int fd = 0;
-    connectionSocketPool_jms(recovery.port(), &fd, 10);
-    connectionSocketPool_jms(recovery.port(), &fd, 20);
-    shutdown(fd, SHUT_WR);
-    EXPECT_EQ(sendXAClose_jms("Cleanup Java Process", 1, 0), -7);
-    EXPECT_EQ(registryMode(0), 1);  // nothing was marked
 }
 
 }  // namespace

@@ -135,28 +135,12 @@ TEST(FanOut, CombinesTheAnswersInListOrder) {
     }
 }
 
-TEST(FanOut, PendingPortsAreAskedWhenNoBrokerPortIsListed) {
-    ENTER_PRIVATE_ORLOM();
-    ScriptedListener pending({answer(3)});
-    writeRegistry({{4, pending.port()}});
-    EXPECT_EQ(callEGListeners_jms(nullptr, 1, 0, kCommit), 3);
-    EXPECT_EQ(pending.requests(1).size(), 1u);
-}
-
 TEST(FanOut, NoPortsAfterThreeAttemptsASecondApartIsRmfail) {
     ENTER_PRIVATE_ORLOM();
-    struct Case {
-        bool registry;
-    } cases[] = {{false}, {true}};  // no registry file at all; a registry without ports
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.registry);
-        if (c.registry) {
-            writeRegistry({{1, 4711}, {3, 4712}});
-        }
-        resetSleeps();
-        EXPECT_EQ(callEGListeners_jms(nullptr, 1, 0, kCommit), -7);
-        EXPECT_EQ(sleepCalls(), 3);
-    }
+    writeRegistry({{1, 4711}, {3, 4712}});  // a recovery and a dead row only
+    resetSleeps();
+    EXPECT_EQ(callEGListeners_jms(nullptr, 1, 0, kCommit), -7);
+    EXPECT_EQ(sleepCalls(), 3);
 }
 
 // One listener answering XA_OK to a commit, traced with the clock and the pid frozen: the
