@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <iterator>
 #include <string>
@@ -383,6 +384,18 @@ TEST_F(Pool, ClearActionTracesAroundTheLockAndTheClear) {
         }));
 }
 
+TEST_F(Pool, DescriptorHandedBackTwiceOnlyDrifts) {
+    std::vector<SocketSlot> slots = fillRow(0, 4000, 2, 0);
+    poolReturn_jms(4000, slots[0].sockfd);
+    poolReturn_jms(4000, slots[0].sockfd);
+    slots[0].inUse = 0;
+    expectRow(0, 4000, 2, 2, slots);
+
+    poolReturnAndRefresh_jms(4000, slots[1].sockfd);
+    poolReturnAndRefresh_jms(4000, slots[1].sockfd);
+    expectRow(0, 4000, 1, 1, {slots[0]});  // the emptied top slot lowers rows
+}
+
 // Whatever numPorts and rows hold, the operations stay inside the 500 rows and 30 slots.
 TEST_F(Pool, CountsOutsideTheTableAreReadAsItsBounds) {
     LoopbackPort listener;
@@ -396,22 +409,26 @@ TEST_F(Pool, CountsOutsideTheTableAreReadAsItsBounds) {
         poolReturn_jms(port, 5);
         EXPECT_EQ(pool.numPorts, numPorts);
     }
-    std::vector<SocketSlot> slots;
     for (int rows : {45, -4}) {
         SCOPED_TRACE(rows);
         pool = ConnectionPool{};
-        slots = fillRow(0, port, 30, 45);
-        pool.row[0].rows = rows;
+        fillRow(499, port, 30, 45);  // the last row: a slot past 29 lies outside the table
+        pool.row[499].rows = rows;
         EXPECT_EQ(poolGetNext_jms(port), -1);
         poolReturn_jms(port, -1);  // share 100 %: the walk starts at slot 29
-        EXPECT_EQ(pool.row[0].rows, rows);
+        EXPECT_EQ(pool.row[499].rows, rows);
         poolClear_jms(port);
     }
+    pool = ConnectionPool{};
+    std::vector<SocketSlot> edge = fillRow(0, port, 6, INT32_MAX);
+    poolReturn_jms(port, edge[5].sockfd);  // the counter wraps; its share is negative
+    edge[5].inUse = 0;
+    expectRow(0, port, 6, INT32_MIN, edge);
     for (int action : {10, 20, 30}) {
         connectionSocketPool_jms(port, nullptr, action);  // nothing to store or hand back
     }
     EXPECT_EQ(xajms::test::sleepCalls(), 0);
-    expectRow(0, port, -4, 45, slots);  // a clear of a row with rows -4 closes nothing
+    expectRow(0, port, 6, INT32_MIN, edge);
 }
 
 }  // namespace
