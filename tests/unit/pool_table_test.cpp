@@ -114,19 +114,6 @@ TEST_F(Pool, ThirtyFirstSocketIsRefusedWithoutAnExitLine) {
     EXPECT_EQ(iIndent, 2);
 }
 
-TEST_F(Pool, NewPortBeyondFiveHundredRowsGetsNoRow) {
-    LoopbackPort listener;
-    for (int r = 0; r < 500; ++r) {
-        pool.row[r].port = 70000 + r;
-    }
-    pool.numPorts = 500;
-
-    EXPECT_EQ(poolGetNext_jms(listener.port()), -2);
-
-    EXPECT_EQ(pool.numPorts, 500);
-    expectRow(499, 70499, 0, 0, {});
-}
-
 // Action 10 tries three times and sleeps after each failed attempt, the third included.
 TEST_F(Pool, GetActionRetriesThreeTimesAndHandsBackZero) {
     LoopbackPort listener;
@@ -310,27 +297,6 @@ TEST_F(Pool, RefreshClosesTheBrokenSocketAndEmptiesItsSlot) {
             EXPECT_TRUE(isOpen(slots[0].sockfd));
         }
     }
-}
-
-TEST_F(Pool, RefreshOfTheOnlySocketTracesTheLoweredRows) {
-    const int fd = fillRow(0, 4000, 1, 0)[0].sockfd;
-    trace();
-
-    poolReturnAndRefresh_jms(4000, fd);
-
-    const std::string f = std::to_string(fd);
-    EXPECT_EQ(lines(),
-              (std::vector<std::string>{
-                  golden(1, "{ XASocket poolReturnAndRefresh_jms   port=4000, returnSockfd=" + f),
-                  golden(1,
-                         "  XASocket poolReturnAndRefresh_jms   found pool entry for port=4000 and "
-                         "closing sockfd "),
-                  golden(1, "  XASocket poolReturnAndRefresh_jms   closed sockfd " + f),
-                  golden(1,
-                         "  XASocket poolReturnAndRefresh_jms   Decremented socket connection pool "
-                         "slots. Rows=0 Available=-1 "),
-                  golden(1, "} XASocket poolReturnAndRefresh_jms "),
-              }));
 }
 
 TEST_F(Pool, ClearEmptiesSlotsButKeepsRowsAndCounters) {
