@@ -89,17 +89,17 @@ XAJMS_API extern char vStrTrace_jms[5];
 XAJMS_API extern char vStrTraceFile_jms[512];
 
 XAJMS_API void traceJMSEntry(const char *prefix, const char *component, const char *function);
-XAJMS_API void traceJMSEntryData(const char *prefix, const char *component,
-                                 const char *function, const char *data);
+XAJMS_API void traceJMSEntryData(const char *prefix, const char *component, const char *function,
+                                 const char *data);
 XAJMS_API void traceJMSExit(const char *prefix, const char *component, const char *function);
-XAJMS_API void traceJMSExitData(const char *prefix, const char *component,
-                                const char *function, const char *data);
+XAJMS_API void traceJMSExitData(const char *prefix, const char *component, const char *function,
+                                const char *data);
 XAJMS_API void traceJMSData(const char *prefix, const char *component, const char *function,
                             const char *data);
-XAJMS_API void traceJMSMsgFlags(const char *prefix, const char *component,
-                                const char *function, unsigned long flags);
-XAJMS_API void traceJMSformattedXID(const char *prefix, const char *component,
-                                    const char *function, const XID *xid);
+XAJMS_API void traceJMSMsgFlags(const char *prefix, const char *component, const char *function,
+                                unsigned long flags);
+XAJMS_API void traceJMSformattedXID(const char *prefix, const char *component, const char *function,
+                                    const XID *xid);
 XAJMS_API int getTimeStamp(char *out);
 XAJMS_API int indent(char *out);
 
@@ -180,8 +180,7 @@ XAJMS_API int sendXACommit_jms(const XID *xid, int rmid, long flags);
 XAJMS_API int sendXARollback_jms(const XID *xid, int rmid, long flags);
 XAJMS_API int sendXAForget_jms(const XID *xid, int rmid, long flags);
 XAJMS_API int sendXAClose_jms(const char *text, int rmid, long flags);
-XAJMS_API XID *receiveRecoverMsg_jms(int sockfd, int *xidcount, unsigned char *buffer,
-                                     int *rc);
+XAJMS_API XID *receiveRecoverMsg_jms(int sockfd, int *xidcount, unsigned char *buffer, int *rc);
 XAJMS_API int sendBrokerXARecover_jms(XID *xids, long count, int rmid, long flags);
 XAJMS_API int sendStartUpXARecover_jms(XID *xids, long count, int rmid, long flags);
 

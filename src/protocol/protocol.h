@@ -16,12 +16,12 @@ inline constexpr int kClose = 0x2005;
 inline constexpr int kRecover = 0x2006;
 inline constexpr int kForget = 0x2008;
 
-inline constexpr int kHeaderSize = 20;         // msgSize, msgType, rmid, flags
-inline constexpr int kFlatXidHeader = 24;      // formatID, gtrid_length, bqual_length
-inline constexpr int kFlatXidClear = 160;      // bytes a flattening clears in its output
-inline constexpr int kRequestBuffer = 200;     // the senders' request buffer
-inline constexpr int kRecoverBuffer = 1024;    // the caller's buffer of a recover reply
-inline constexpr int kNoAnswer = -99;          // no answer in time: never leaves the senders
+inline constexpr int kHeaderSize = 20;       // msgSize, msgType, rmid, flags
+inline constexpr int kFlatXidHeader = 24;    // formatID, gtrid_length, bqual_length
+inline constexpr int kFlatXidClear = 160;    // bytes a flattening clears in its output
+inline constexpr int kRequestBuffer = 200;   // the senders' request buffer
+inline constexpr int kRecoverBuffer = 1024;  // the caller's buffer of a recover reply
+inline constexpr int kNoAnswer = -99;        // no answer in time: never leaves the senders
 inline constexpr char kCloseText[] = "Cleanup Java Process";
 
 // How many data bytes of an XID are used for its lengths: gtrid_length + bqual_length as

@@ -16,19 +16,23 @@ struct CodeName {
 };
 
 constexpr std::array<CodeName, 24> kXaNames{{
-    {-9, "XAER_OUTSIDE  "}, {-8, "XAER_DUPID    "}, {-7, "XAER_RMFAIL   "},
-    {-6, "XAER_PROTO    "}, {-5, "XAER_INVAL    "}, {-4, "XAER_NOTA     "},
-    {-3, "XAER_RMERR    "}, {-2, "XAER_ASYNC    "}, {0, "XA_OK         "},
-    {3, "XA_RDONLY     "},  {4, "XA_RETRY      "},  {5, "XA_HEURMIX    "},
-    {6, "XA_HEURRB     "},  {7, "XA_HEURCOM    "},  {8, "XA_HEURHAZ    "},
-    {9, "XA_NOMIGRATE  "},  {100, "XA_RBROLLBACK "}, {101, "XA_RBCOMMFAIL "},
+    {-9, "XAER_OUTSIDE  "},  {-8, "XAER_DUPID    "},  {-7, "XAER_RMFAIL   "},
+    {-6, "XAER_PROTO    "},  {-5, "XAER_INVAL    "},  {-4, "XAER_NOTA     "},
+    {-3, "XAER_RMERR    "},  {-2, "XAER_ASYNC    "},  {0, "XA_OK         "},
+    {3, "XA_RDONLY     "},   {4, "XA_RETRY      "},   {5, "XA_HEURMIX    "},
+    {6, "XA_HEURRB     "},   {7, "XA_HEURCOM    "},   {8, "XA_HEURHAZ    "},
+    {9, "XA_NOMIGRATE  "},   {100, "XA_RBROLLBACK "}, {101, "XA_RBCOMMFAIL "},
     {102, "XA_RBDEADLOCK "}, {103, "XA_RBINTEGRITY"}, {104, "XA_RBOTHER    "},
     {105, "XA_RBPROTO    "}, {106, "XA_RBTIMEOUT  "}, {107, "XA_RBTRANSIENT"},
 }};
 
 constexpr std::array<CodeName, 6> kTmNames{{
-    {-3, "TMER_PROTO    "}, {-2, "TMER_INVAL    "}, {-1, "TMER_TMERR    "},
-    {0, "TM_OK         "},  {1, "TM_RESUME     "},  {2, "TM_JOIN       "},
+    {-3, "TMER_PROTO    "},
+    {-2, "TMER_INVAL    "},
+    {-1, "TMER_TMERR    "},
+    {0, "TM_OK         "},
+    {1, "TM_RESUME     "},
+    {2, "TM_JOIN       "},
 }};
 
 // Copies the code's name into the 16-byte text, or its number when the table has none.

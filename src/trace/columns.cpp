@@ -54,8 +54,8 @@ int getTimeStamp(char *out) {
     } else {
         std::snprintf(fraction, sizeof fraction, "%u", micros);
     }
-    return std::snprintf(out, 30, "%s-%s-%s %s:%s:%s.%s ", year, month, day, hour, minute,
-                         second, fraction);
+    return std::snprintf(out, 30, "%s-%s-%s %s:%s:%s.%s ", year, month, day, hour, minute, second,
+                         fraction);
 }
 
 // Fills `out` (21 bytes at least) with depth - 1 blanks. A depth above 20 is written back

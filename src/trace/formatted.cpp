@@ -19,16 +19,16 @@ void write(Writer writer, const char *prefix, const char *component, const char 
 
 }  // namespace
 
-#define XAJMS_FORMATTED(name, writer)                                                        \
-    void name(const char *prefix, const char *component, const char *function,              \
-              const char *format, ...) {                                                     \
-        if (prefix == nullptr || !on(prefix)) {                                              \
-            return;                                                                          \
-        }                                                                                    \
-        va_list args;                                                                        \
-        va_start(args, format);                                                              \
-        write(writer, prefix, component, function, format, args);                            \
-        va_end(args);                                                                        \
+#define XAJMS_FORMATTED(name, writer)                                                              \
+    void name(const char *prefix, const char *component, const char *function, const char *format, \
+              ...) {                                                                               \
+        if (prefix == nullptr || !on(prefix)) {                                                    \
+            return;                                                                                \
+        }                                                                                          \
+        va_list args;                                                                              \
+        va_start(args, format);                                                                    \
+        write(writer, prefix, component, function, format, args);                                  \
+        va_end(args);                                                                              \
     }
 
 XAJMS_FORMATTED(data, traceJMSData)

@@ -42,8 +42,7 @@ void closeAfterExit(std::FILE *file) {
 }
 
 // Writes an entry line with or without data; the depth grows only when a line is written.
-void writeEntry(const char *prefix, const char *component, const char *function,
-                const char *data) {
+void writeEntry(const char *prefix, const char *component, const char *function, const char *data) {
     if (!traces(prefix)) {
         return;
     }
@@ -57,8 +56,8 @@ void writeEntry(const char *prefix, const char *component, const char *function,
         Columns c;
         fillColumns(c);
         if (data == nullptr) {
-            std::fprintf(file, "%s %s %s %s { %s %s \n", c.stamp, c.pid, "      ", c.pad,
-                         component, function);
+            std::fprintf(file, "%s %s %s %s { %s %s \n", c.stamp, c.pid, "      ", c.pad, component,
+                         function);
         } else {
             std::fprintf(file, "%s %s %s %s { %s %s   %s\n", c.stamp, c.pid, "      ", c.pad,
                          component, function, data);
@@ -108,8 +107,8 @@ void traceJMSExitData(const char *prefix, const char *component, const char *fun
     if (file != nullptr && component != nullptr && function != nullptr && data != nullptr) {
         Columns c;
         fillColumns(c);
-        std::fprintf(file, "%s %s %s %s } %s %s   %s\n", c.stamp, c.pid, "      ", c.pad,
-                     component, function, data);
+        std::fprintf(file, "%s %s %s %s } %s %s   %s\n", c.stamp, c.pid, "      ", c.pad, component,
+                     function, data);
         std::fflush(file);
     }
     closeAfterExit(file);
@@ -129,8 +128,8 @@ void traceJMSData(const char *prefix, const char *component, const char *functio
         return;
     }
     if (component != nullptr && function != nullptr) {
-        std::fprintf(file, "%s %s %s %s   %s %s   %s\n", c.stamp, c.pid, "      ", c.pad,
-                     component, function, data != nullptr ? data : "(null)");
+        std::fprintf(file, "%s %s %s %s   %s %s   %s\n", c.stamp, c.pid, "      ", c.pad, component,
+                     function, data != nullptr ? data : "(null)");
         std::fflush(file);
     }
     std::fclose(file);

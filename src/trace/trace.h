@@ -36,12 +36,12 @@ void copyFromEnvironment(char *prefix);
 
 // Format a text into a 512-byte buffer and hand it to traceJMSData, traceJMSEntryData or
 // traceJMSExitData; nothing is formatted while the prefix does not trace.
-void data(const char *prefix, const char *component, const char *function, const char *format,
-          ...) __attribute__((format(printf, 4, 5)));
-void entryData(const char *prefix, const char *component, const char *function,
-               const char *format, ...) __attribute__((format(printf, 4, 5)));
-void exitData(const char *prefix, const char *component, const char *function,
-              const char *format, ...) __attribute__((format(printf, 4, 5)));
+void data(const char *prefix, const char *component, const char *function, const char *format, ...)
+    __attribute__((format(printf, 4, 5)));
+void entryData(const char *prefix, const char *component, const char *function, const char *format,
+               ...) __attribute__((format(printf, 4, 5)));
+void exitData(const char *prefix, const char *component, const char *function, const char *format,
+              ...) __attribute__((format(printf, 4, 5)));
 
 // Restores errno on leaving, so that tracing never changes the errno a caller reports.
 class ErrnoKeeper {

@@ -41,14 +41,14 @@ extern "C" void traceJMSformattedXID(const char *prefix, const char *component,
                      c.pad, component, function, static_cast<int>(xid->formatID));
         std::fflush(file);
         hexOf(hex, *xid, 0, xid->gtrid_length);
-        std::fprintf(file, "%s %s %s %s   %s %s   Xid gtrid length=%d  data=%s\n", c.stamp,
-                     c.pid, "      ", c.pad, component, function,
-                     static_cast<int>(xid->gtrid_length), hex);
+        std::fprintf(file, "%s %s %s %s   %s %s   Xid gtrid length=%d  data=%s\n", c.stamp, c.pid,
+                     "      ", c.pad, component, function, static_cast<int>(xid->gtrid_length),
+                     hex);
         std::fflush(file);
         hexOf(hex, *xid, xid->gtrid_length, xid->bqual_length);
-        std::fprintf(file, "%s %s %s %s   %s %s   Xid bqual length=%d  data=%s\n", c.stamp,
-                     c.pid, "      ", c.pad, component, function,
-                     static_cast<int>(xid->bqual_length), hex);
+        std::fprintf(file, "%s %s %s %s   %s %s   Xid bqual length=%d  data=%s\n", c.stamp, c.pid,
+                     "      ", c.pad, component, function, static_cast<int>(xid->bqual_length),
+                     hex);
         std::fflush(file);
     }
     std::fclose(file);

@@ -1,9 +1,9 @@
 // The interposed C library calls of the test executables and their switches.
 #include "support/fakes.h"
 
+#include <unistd.h>
 #include <atomic>
 #include <mutex>
-#include <unistd.h>
 
 namespace xajms::test {
 namespace {

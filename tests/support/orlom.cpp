@@ -2,14 +2,14 @@
 // otherwise a user namespace first in which this process is root.
 #include "support/orlom.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 namespace xajms::test {
 namespace {

@@ -3,10 +3,10 @@
 
 #include <xajms/xajms.h>
 
+#include <unistd.h>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <unistd.h>
 
 #include "support/fakes.h"
 

@@ -51,10 +51,7 @@ TEST(CodeNames, PidTextKeepsTheSevenLeadingDigitsOfTheUnsignedValue) {
         const char *text;
         int result;
     } cases[] = {
-        {0, "", 0},
-        {42, "42", 2},
-        {1234567, "1234567", 7},
-        {12345678, "1234567", 8},
+        {0, "", 0},          {42, "42", 2}, {1234567, "1234567", 7}, {12345678, "1234567", 8},
         {-1, "4294967", 10},
     };
     for (const Case &c : cases) {

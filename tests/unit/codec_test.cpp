@@ -52,9 +52,9 @@ TEST(Codec, PrepareRequestIsTheHeaderFollowedByTheFlattenedXid) {
     buildHeader_jms(request, 20 + size, xajms::protocol::kPrepare, 1, 0);
     std::memcpy(request + 20, flat, static_cast<size_t>(size));
 
-    const Bytes expected{0, 0, 0, 49, 0, 0, 0x20, 0x02, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0,
-                         0, 0, 0, 0, 0, 0, 0x12, 0x34, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0,
-                         0, 0, 0, 2, 'a', 'b', 'c', 'd', 'e'};
+    const Bytes expected{0, 0, 0, 49, 0, 0, 0x20, 0x02, 0, 0,    0,    1,   0,   0,   0,  0, 0,
+                         0, 0, 0, 0,  0, 0, 0,    0,    0, 0x12, 0x34, 0,   0,   0,   0,  0, 0,
+                         0, 3, 0, 0,  0, 0, 0,    0,    0, 2,    'a',  'b', 'c', 'd', 'e'};
     EXPECT_EQ(size, 29);
     EXPECT_EQ(Bytes(request, request + 49), expected);
     EXPECT_EQ(request[49], 0);
@@ -65,7 +65,8 @@ TEST(Codec, FlatteningKeepsWithinTheDataAreaWhateverTheLengthsSay) {
         long gtrid;
         long bqual;
         int size;
-    } cases[] = {{64, 64, 152}, {200, 3, 152}, {-5, 2, 24}, {-5, 10, 29}, {0x7fffffffffffffffL, 9, 152}};
+    } cases[] = {
+        {64, 64, 152}, {200, 3, 152}, {-5, 2, 24}, {-5, 10, 29}, {0x7fffffffffffffffL, 9, 152}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.gtrid);
         XID xid{};
