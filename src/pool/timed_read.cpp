@@ -108,8 +108,7 @@ bool waitAndReceive(int sockfd, void *buffer, size_t wanted, const Wait &wait, i
     }
     if ((waitFor.revents & (POLLIN | POLLPRI)) == 0) {
         result = endWith(kReadFailed,
-                         "Socket error: select/poll returned but without any data; errno=%d "
-                         "originalTimeoutDiff=%d timeoutDiff=%d",
+                         "Socket error: select/poll returned but without any data; errno=%d originalTimeoutDiff=%d timeoutDiff=%d",
                          errno, wait.originalTimeoutDiff, wait.timeoutDiff);
         return true;
     }
@@ -150,14 +149,12 @@ int recvTimeout_jms(int sockfd, void *buffer, int len, int zeroHour) {
     for (;;) {
         if (wait.timeoutDiff < 0) {
             return endWith(kTimedOut,
-                           "Timeout during select/poll loop as counter wegative; errno=%d "
-                           "originalTimeoutDiff=%d timeoutDiff=%d",
+                           "Timeout during select/poll loop as counter wegative; errno=%d originalTimeoutDiff=%d timeoutDiff=%d",
                            errno, wait.originalTimeoutDiff, wait.timeoutDiff);
         }
         if (wait.failureCount > xajms::pool::kMaxFailures) {
             return endWith(kReadFailed,
-                           "Socket error: too many EINTRs/EAGAINs; errno=%d originalTimeoutDiff=%d "
-                           "timeoutDiff=%d failureCount=%d",
+                           "Socket error: too many EINTRs/EAGAINs; errno=%d originalTimeoutDiff=%d timeoutDiff=%d failureCount=%d",
                            errno, wait.originalTimeoutDiff, wait.timeoutDiff, wait.failureCount);
         }
         int result = 0;
