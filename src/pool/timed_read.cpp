@@ -48,7 +48,7 @@ __attribute__((format(printf, 2, 3))) int endWith(int result, const char *format
         char text[xajms::trace::kTextSize];
         va_list args;
         va_start(args, format);
-        std::vsnprintf(text, sizeof text, format, args);
+        (void)std::vsnprintf(text, sizeof text, format, args);
         va_end(args);
         traceJMSData(sockettraceJMSfile, kXASocket, kRecv, text);
     }
