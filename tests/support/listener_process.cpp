@@ -162,29 +162,34 @@ int ListenerProcess::reap() {
     return r < 0 ? -1 : exitStatus(status);
 }
 
-int ListenerProcess::stop(int signal) {
+// Reads the listener's output into the buffer until it ends (the listener has exited) or
+// the deadline passes; true at the end of the output. Reading also unblocks a listener that
+// is writing its log into a full pipe.
+bool ListenerProcess::drain(long long deadline) {
+    while (out_ >= 0 && readable(out_, deadline)) {
+        if (!readMore(out_, buffered_)) {
+            return true;
+        }
+    }
+    return out_ < 0;
+}
+
+int ListenerProcess::stop(int sig) {
     if (pid_ < 0) {
         return -1;
     }
-    kill(pid_, signal);
+    kill(pid_, sig);
+    if (!drain(nowMs() + kStartTimeoutMs)) {
+        kill(pid_, SIGKILL);
+    }
     return reap();
 }
 
 std::optional<int> ListenerProcess::waitForExit(int timeoutMs) {
-    if (pid_ < 0) {
+    if (pid_ < 0 || !drain(nowMs() + timeoutMs)) {
         return std::nullopt;
     }
-    // The listener's output ends when it exits; keep what it wrote for nextLine().
-    const long long deadline = nowMs() + timeoutMs;
-    std::string rest;
-    while (readable(out_, deadline)) {
-        if (!readMore(out_, rest)) {
-            buffered_ += rest;
-            return reap();
-        }
-    }
-    buffered_ += rest;
-    return std::nullopt;
+    return reap();
 }
 
 ListenerRun runListener(const std::vector<std::string> &args) {

@@ -3,6 +3,7 @@
 // the object goes. It reads with read() and ppoll(), never through the faked recv and poll.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <optional>
@@ -15,6 +16,8 @@ namespace xajms::test {
 // (the caller skips).
 std::string listenerPath();
 
+// A listener that logs to standard output blocks once the pipe is full (64 KiB) until the
+// test reads; a test that sends many requests and reads no lines passes --quiet or --log.
 class ListenerProcess {
   public:
     // Starts the listener and waits up to 10 seconds for its "port=N" line. A listener that
@@ -32,9 +35,10 @@ class ListenerProcess {
     // the newline; nothing when no whole line came within the time or the output ended.
     std::optional<std::string> nextLine(int timeoutMs = 5000);
 
-    // Sends the signal (SIGTERM unless told) and reaps the listener; returns its exit status,
-    // or 128 + the signal that killed it, or -1 when it was already reaped.
-    int stop(int signal = 15);
+    // Sends the signal (SIGTERM unless told) and reaps the listener, killing it when it has
+    // not ended within 10 seconds; returns its exit status, or 128 + the signal that killed
+    // it, or -1 when it was already reaped. What it wrote meanwhile stays for nextLine().
+    int stop(int sig = SIGTERM);
 
     // Waits up to the time for the listener to end by itself and reaps it; returns its exit
     // status as stop() does, or nothing when it is still running.
@@ -42,6 +46,7 @@ class ListenerProcess {
 
   private:
     int reap();
+    bool drain(long long deadline);
 
     pid_t pid_ = -1;
     int out_ = -1;

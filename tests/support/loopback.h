@@ -1,13 +1,12 @@
-// Loopback TCP endpoints for the pool tests: a listener that accepts connects into its
-// backlog without ever calling accept(), and a port on which connects are refused.
+// Loopback TCP endpoints and descriptor helpers for the pool tests.
 #pragma once
 
 #include <string>
 
 namespace xajms::test {
 
-// A socket bound to 127.0.0.1 on a port of the system's choice. Listening, it takes up to
-// 128 connects into its backlog; not listening, every connect to it is refused.
+// A socket bound to a port of 127.0.0.1. Listening, it takes up to 128 connects into its
+// backlog without accept(); not listening, it refuses every connect.
 class LoopbackPort {
   public:
     explicit LoopbackPort(bool listening = true);
@@ -21,15 +20,12 @@ class LoopbackPort {
     int port_ = 0;
 };
 
-// Points descriptor 0 at /dev/null, so that code which closes descriptor 0 closes that and
-// new sockets never land on 0.
+// Points descriptor 0 at /dev/null, so that new sockets never land on 0.
 void occupyDescriptorZero();
-
-// True when the descriptor is open in this process.
 bool isOpen(int fd);
 
-// Switches the socket-side trace on with the prefix (through XAJMS_TRACEFILE and one lock
-// and unlock of the pool) and empties the file again, so that a test sees only its lines.
+// Switches the socket trace on (XAJMS_TRACEFILE and one lock and unlock of the pool), then
+// empties the trace file and the depth, so that a test sees only its own lines.
 void enableSocketTrace(const std::string &prefix);
 
 }  // namespace xajms::test

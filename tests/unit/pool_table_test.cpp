@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <iterator>
 #include <string>
@@ -111,19 +112,6 @@ TEST_F(Pool, ThirtyFirstSocketIsRefusedWithoutAnExitLine) {
                                 " so retrying"),
               }));
     EXPECT_EQ(iIndent, 2);
-}
-
-TEST_F(Pool, NewPortBeyondFiveHundredRowsGetsNoRow) {
-    LoopbackPort listener;
-    for (int r = 0; r < 500; ++r) {
-        pool.row[r].port = 70000 + r;
-    }
-    pool.numPorts = 500;
-
-    EXPECT_EQ(poolGetNext_jms(listener.port()), -2);
-
-    EXPECT_EQ(pool.numPorts, 500);
-    expectRow(499, 70499, 0, 0, {});
 }
 
 // Action 10 tries three times and sleeps after each failed attempt, the third included.
@@ -311,27 +299,6 @@ TEST_F(Pool, RefreshClosesTheBrokenSocketAndEmptiesItsSlot) {
     }
 }
 
-TEST_F(Pool, RefreshOfTheOnlySocketTracesTheLoweredRows) {
-    const int fd = fillRow(0, 4000, 1, 0)[0].sockfd;
-    trace();
-
-    poolReturnAndRefresh_jms(4000, fd);
-
-    const std::string f = std::to_string(fd);
-    EXPECT_EQ(lines(),
-              (std::vector<std::string>{
-                  golden(1, "{ XASocket poolReturnAndRefresh_jms   port=4000, returnSockfd=" + f),
-                  golden(1,
-                         "  XASocket poolReturnAndRefresh_jms   found pool entry for port=4000 and "
-                         "closing sockfd "),
-                  golden(1, "  XASocket poolReturnAndRefresh_jms   closed sockfd " + f),
-                  golden(1,
-                         "  XASocket poolReturnAndRefresh_jms   Decremented socket connection pool "
-                         "slots. Rows=0 Available=-1 "),
-                  golden(1, "} XASocket poolReturnAndRefresh_jms "),
-              }));
-}
-
 TEST_F(Pool, ClearEmptiesSlotsButKeepsRowsAndCounters) {
     std::vector<SocketSlot> a = fillRow(0, 4000, 2, 1);
     std::vector<SocketSlot> b = fillRow(1, 4001, 3, 2);
@@ -383,6 +350,18 @@ TEST_F(Pool, ClearActionTracesAroundTheLockAndTheClear) {
         }));
 }
 
+TEST_F(Pool, DescriptorHandedBackTwiceOnlyDrifts) {
+    std::vector<SocketSlot> slots = fillRow(0, 4000, 2, 0);
+    poolReturn_jms(4000, slots[0].sockfd);
+    poolReturn_jms(4000, slots[0].sockfd);
+    slots[0].inUse = 0;
+    expectRow(0, 4000, 2, 2, slots);
+
+    poolReturnAndRefresh_jms(4000, slots[1].sockfd);
+    poolReturnAndRefresh_jms(4000, slots[1].sockfd);
+    expectRow(0, 4000, 1, 1, {slots[0]});  // the emptied top slot lowers rows
+}
+
 // Whatever numPorts and rows hold, the operations stay inside the 500 rows and 30 slots.
 TEST_F(Pool, CountsOutsideTheTableAreReadAsItsBounds) {
     LoopbackPort listener;
@@ -396,22 +375,26 @@ TEST_F(Pool, CountsOutsideTheTableAreReadAsItsBounds) {
         poolReturn_jms(port, 5);
         EXPECT_EQ(pool.numPorts, numPorts);
     }
-    std::vector<SocketSlot> slots;
     for (int rows : {45, -4}) {
         SCOPED_TRACE(rows);
         pool = ConnectionPool{};
-        slots = fillRow(0, port, 30, 45);
-        pool.row[0].rows = rows;
+        fillRow(499, port, 30, 45);  // the last row: a slot past 29 lies outside the table
+        pool.row[499].rows = rows;
         EXPECT_EQ(poolGetNext_jms(port), -1);
         poolReturn_jms(port, -1);  // share 100 %: the walk starts at slot 29
-        EXPECT_EQ(pool.row[0].rows, rows);
+        EXPECT_EQ(pool.row[499].rows, rows);
         poolClear_jms(port);
     }
+    pool = ConnectionPool{};
+    std::vector<SocketSlot> edge = fillRow(0, port, 6, INT32_MAX);
+    poolReturn_jms(port, edge[5].sockfd);  // the counter wraps; its share is negative
+    edge[5].inUse = 0;
+    expectRow(0, port, 6, INT32_MIN, edge);
     for (int action : {10, 20, 30}) {
         connectionSocketPool_jms(port, nullptr, action);  // nothing to store or hand back
     }
     EXPECT_EQ(xajms::test::sleepCalls(), 0);
-    expectRow(0, port, -4, 45, slots);  // a clear of a row with rows -4 closes nothing
+    expectRow(0, port, 6, INT32_MIN, edge);
 }
 
 }  // namespace

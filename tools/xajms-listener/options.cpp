@@ -70,7 +70,7 @@ listen or register; 2 for a bad command line.
 
 using Handler = std::function<void(Options &, std::string_view)>;
 
-struct OptionSpec {
+struct OptionEntry {
     std::string_view name;
     bool takesValue;
     Handler apply;
@@ -212,8 +212,8 @@ void applyPath(std::string &to, std::string_view v, std::string_view option) {
     to = v;
 }
 
-const std::vector<OptionSpec> &optionTable() {
-    static const std::vector<OptionSpec> table = {
+const std::vector<OptionEntry> &optionTable() {
+    static const std::vector<OptionEntry> table = {
         {"--port", true,
          [](Options &o, std::string_view v) {
              o.port = parseNumber<std::uint16_t>(v, "--port", 10);
@@ -248,10 +248,10 @@ const std::vector<OptionSpec> &optionTable() {
     return table;
 }
 
-const OptionSpec &findOption(std::string_view name) {
-    for (const auto &spec : optionTable()) {
-        if (spec.name == name) {
-            return spec;
+const OptionEntry &findOption(std::string_view name) {
+    for (const auto &entry : optionTable()) {
+        if (entry.name == name) {
+            return entry;
         }
     }
     if (!name.starts_with("--")) {
@@ -271,18 +271,18 @@ Options parseOptions(int argc, const char *const *argv) {
             inlineValue = arg.substr(eq + 1);
             arg = arg.substr(0, eq);
         }
-        const OptionSpec &spec = findOption(arg);
-        if (!spec.takesValue) {
+        const OptionEntry &entry = findOption(arg);
+        if (!entry.takesValue) {
             if (inlineValue) {
                 fail(arg, "takes no value");
             }
-            spec.apply(o, {});
+            entry.apply(o, {});
             continue;
         }
         if (!inlineValue && i + 1 >= argc) {
             fail(arg, "missing value");
         }
-        spec.apply(o, inlineValue ? *inlineValue : std::string_view(argv[++i]));
+        entry.apply(o, inlineValue ? *inlineValue : std::string_view(argv[++i]));
     }
     return o;
 }
