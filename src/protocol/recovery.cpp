@@ -84,8 +84,7 @@ XID *readRecords(int sockfd, const ReplyHead &head, int &rc) {
         return nullptr;
     }
     XID *xids = nullptr;
-    const int got =
-        readFromSocket_jms(sockfd, data, head.size, xajms::protocol::kRecoverTimeout);
+    const int got = readFromSocket_jms(sockfd, data, head.size, xajms::protocol::kRecoverTimeout);
     if (got >= 1 && !xajms::protocol::recordsFit(data, head.size, head.count)) {
         dropPool();
     } else if (got >= 1) {
@@ -179,7 +178,8 @@ void askForXids(int port, const unsigned char *request, XID *xids, long count, R
 int findStartUpPort() {
     for (int attempt = 0; attempt < xajms::protocol::kRecoveryPortAttempts; ++attempt) {
         void *mapping = GetSharedMemory_jms();
-        traceJMSData(sockettraceJMSfile, kXASocket, kStartUp, "Got Shared memory - Check for Port ");
+        traceJMSData(sockettraceJMSfile, kXASocket, kStartUp,
+                     "Got Shared memory - Check for Port ");
         const int port = GetStartUpRecoveryPort_jms(mapping);
         xajms::trace::data(sockettraceJMSfile, kXASocket, kStartUp, "PortNumber = %d", port);
         if (port != 0) {
@@ -210,10 +210,9 @@ bool askStartUpListener(int port, int rmid, long flags, XID *xids, long count, R
         }
         unsigned char reply[xajms::protocol::kRecoverBuffer];
         XID *array = receiveRecoverMsg_jms(r.sockfd, &r.received, reply, &r.rc);
-        xajms::trace::data(sockettraceJMSfile, kXASocket, kStartUp,
-                           "plocalxid = %X rc = %d count = %d",
-                           static_cast<unsigned>(reinterpret_cast<uintptr_t>(array)), r.rc,
-                           r.received);
+        xajms::trace::data(
+            sockettraceJMSfile, kXASocket, kStartUp, "plocalxid = %X rc = %d count = %d",
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(array)), r.rc, r.received);
         if (r.rc >= 0) {
             r.rc = keepRecords(xids, count, array, r.received);
         } else {
@@ -285,10 +284,6 @@ int sendBrokerXARecover_jms(XID *xids, long count, int rmid, long flags) {
     xajms::trace::exitData(sockettraceJMSfile, kXASocket, kBroker, "rcode = %d", r.rc);
     return r.rc;
 }
-
-}  // extern "C"
-
-extern "C" {
 
 // Asks the start-up recovery listener for its in-doubt XIDs and then sends it the close
 // that ends its Java process. Returns the number of XIDs stored, or a negative XA code:

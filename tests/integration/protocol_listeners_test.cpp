@@ -21,8 +21,8 @@ using Args = std::vector<std::string>;
 
 // The request type of a log line "#n TYPE ...".
 std::string typeOf(const std::optional<std::string> &line) {
-    return line ? line->substr(line->find(' ') + 1, line->find(' ', line->find(' ') + 1) -
-                                                        line->find(' ') - 1)
+    return line ? line->substr(line->find(' ') + 1,
+                               line->find(' ', line->find(' ') + 1) - line->find(' ') - 1)
                 : "(none)";
 }
 

@@ -3,8 +3,8 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <cstdarg>
 #include <atomic>
+#include <cstdarg>
 #include <mutex>
 
 namespace xajms::test {

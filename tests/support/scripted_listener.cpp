@@ -204,8 +204,8 @@ int registryMode(int row) {
     int32_t mode = -1;
     const int fd = open(registry::kPath, O_RDONLY | O_CLOEXEC);
     if (fd >= 0) {
-        const auto at = offsetof(registry::File, row) + static_cast<std::size_t>(row) *
-                                                             sizeof(registry::Row) +
+        const auto at = offsetof(registry::File, row) +
+                        static_cast<std::size_t>(row) * sizeof(registry::Row) +
                         offsetof(registry::Row, mode);
         (void)!pread(fd, &mode, sizeof mode, static_cast<off_t>(at));
         close(fd);

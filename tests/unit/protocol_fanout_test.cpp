@@ -25,15 +25,15 @@ using namespace xajms::test;
 constexpr int kBroker = 2;
 constexpr int kDead = 3;
 constexpr int kCommit = 0x2003;
-constexpr int kNone = 1000;      // a port that refuses connections
-constexpr int kSilent = 1001;    // never answers (its poll times out at once)
-constexpr int kCloses = 1002;    // closes the connection instead of answering
-constexpr int kSendFails = 1003; // the pooled socket to it can no longer be written
-constexpr int kNotAsked = 1004;  // after a failed write: must never be contacted
+constexpr int kNone = 1000;       // a port that refuses connections
+constexpr int kSilent = 1001;     // never answers (its poll times out at once)
+constexpr int kCloses = 1002;     // closes the connection instead of answering
+constexpr int kSendFails = 1003;  // the pooled socket to it can no longer be written
+constexpr int kNotAsked = 1004;   // after a failed write: must never be contacted
 
-#define ENTER_PRIVATE_ORLOM()                        \
+#define ENTER_PRIVATE_ORLOM()                                 \
     if (const auto why = enterPrivateOrlom(); !why.empty()) { \
-        GTEST_SKIP() << why;                         \
+        GTEST_SKIP() << why;                                  \
     }
 
 XID sampleXid() {

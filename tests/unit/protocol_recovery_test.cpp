@@ -103,15 +103,15 @@ TEST(RecoverReply, IsTakenOnlyWhenItsRecordsLieWithinItsSize) {
         {"negative size", recoverReply(1, -1, records({7})).bytes, 0, kSentinel},
         {"size 0", recoverReply(1, 0, {}).bytes, 0, kSentinel},
         {"count above the records", recoverReply(0x7fffffff, 54, two).bytes, -7, kSentinel},
-        {"more records than the size holds", recoverReply(2, 40, Bytes(two.begin(), two.begin() + 40)).bytes,
-         -7, kSentinel},
+        {"more records than the size holds",
+         recoverReply(2, 40, Bytes(two.begin(), two.begin() + 40)).bytes, -7, kSentinel},
         {"data above 128 bytes", recoverReply(1, static_cast<int>(wide.size()), wide).bytes, -7,
          kSentinel},
         {"negative length", recoverReply(1, static_cast<int>(negative.size()), negative).bytes, -7,
          kSentinel},
         {"size far above what arrives", recoverReply(1, 0x7fffffff, two).bytes, -7, kSentinel},
-        {"closed inside the records", recoverReply(2, 54, Bytes(two.begin(), two.begin() + 30)).bytes,
-         -7, kSentinel},
+        {"closed inside the records",
+         recoverReply(2, 54, Bytes(two.begin(), two.begin() + 30)).bytes, -7, kSentinel},
         {"closed inside the head", Bytes(head.begin(), head.begin() + 6), -7, kSentinel},
         {"closed before anything", {}, -7, kSentinel},
     };
@@ -207,8 +207,8 @@ TEST(BrokerRecover, MergesTheListsOfTheListenersAsRequired) {
                 continue;
             }
             const Reply reply = l.does == Does::closes ? Reply{Reply::Kind::close, {}}
-                                : l.does == Does::none  ? recoverReply(0, 0, {})
-                                                        : listOf(l.ids);
+                                : l.does == Does::none ? recoverReply(0, 0, {})
+                                                       : listOf(l.ids);
             listeners.push_back(std::make_unique<ScriptedListener>(std::vector<Reply>{reply}));
             rows.emplace_back(2, listeners.back()->port());
         }
@@ -218,7 +218,8 @@ TEST(BrokerRecover, MergesTheListsOfTheListenersAsRequired) {
             x.formatID = kSentinel;
         }
 
-        const int rc = sendBrokerXARecover_jms(c.nullArray ? nullptr : held.data(), c.capacity, 1, 0);
+        const int rc =
+            sendBrokerXARecover_jms(c.nullArray ? nullptr : held.data(), c.capacity, 1, 0);
 
         EXPECT_EQ(rc, c.rc);
         for (std::size_t i = 0; i < held.size(); ++i) {
@@ -245,42 +246,6 @@ TEST(BrokerRecover, NoPortsAfterFifteenAttemptsIsRmfail) {
     XID xids[1];
     EXPECT_EQ(sendBrokerXARecover_jms(xids, 1, 1, 0), -7);
     EXPECT_EQ(sleepCalls(), 15);
-}
-
-TEST(StartUpRecover, AsksTheRecoveryListenerThenClosesIt) {
-    ENTER_PRIVATE_ORLOM();
-    struct Case {
-        const char *name;
-        Listener listener;
-        int rc;
-        int first;       // formatID of the caller's first record
-        int requests;    // requests the listener received: recover, then close
-        int registered;  // the recovery row's mode afterwards
-    } cases[] = {
-        {"capacity below the list", {{41, 42, 43, 44}}, 3, 41, 2, 3},
-        {"failure", {{}, Does::closes}, -7, kSentinel, 2, 3},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        occupyDescriptorZero();
-        const Reply reply = c.listener.does == Does::closes ? Reply{Reply::Kind::close, {}}
-                            : c.listener.does == Does::none  ? recoverReply(0, 0, {})
-                                                             : listOf(c.listener.ids);
-        ScriptedListener recovery({reply});
-        writeRegistry({{1, recovery.port()}});
-        XID xids[3];
-        xids[0].formatID = kSentinel;
-
-        EXPECT_EQ(sendStartUpXARecover_jms(xids, 3, 1, 0), c.rc);
-
-        EXPECT_EQ(flFirstStartUpRecovery_jms, 1);
-        EXPECT_EQ(xids[0].formatID, c.first);
-        const auto got = recovery.requests(static_cast<std::size_t>(c.requests));
-        ASSERT_EQ(got.size(), static_cast<std::size_t>(c.requests));
-        EXPECT_EQ(got.back()[7], 0x05);  // the last request is the close
-        EXPECT_EQ(registryMode(0), c.registered);
-        connectionSocketPool_jms(-1, nullptr, 40);
-    }
 }
 
 TEST(StartUpRecover, WithoutARecoveryPortIsRmfailAfterTheClose) {
