@@ -44,8 +44,9 @@ int getWithRetries(int port) {
 extern "C" {
 
 // Runs one pool action for the port. After action 10 *sockfd holds a descriptor (> 0) or 0;
-// for actions 20 and 30 it holds the descriptor handed back; action 40 does not use it. A
-// null sockfd makes actions 10, 20 and 30 store and hand back nothing.
+// for actions 20 and 30 it holds the descriptor handed back; action 40 does not use it. With
+// a null sockfd, actions 10, 20 and 30 leave the pool alone: a socket got could not be handed
+// to anyone and would stay marked in use for good.
 void connectionSocketPool_jms(int port, int *sockfd, int action) {
     if (xajms::trace::on(sockettraceJMSfile)) {
         xajms::trace::entryData(sockettraceJMSfile, kXASocket, "connectionSocketPool_jms",
@@ -58,13 +59,11 @@ void connectionSocketPool_jms(int port, int *sockfd, int action) {
         }
     }
     switch (action) {
-        case xajms::pool::kActionGet: {
-            const int got = getWithRetries(port);
+        case xajms::pool::kActionGet:
             if (sockfd != nullptr) {
-                *sockfd = got;
+                *sockfd = getWithRetries(port);
             }
             break;
-        }
         case xajms::pool::kActionReturn:
             if (sockfd != nullptr) {
                 lockConnectionPool_jms();

@@ -48,7 +48,7 @@ __attribute__((format(printf, 2, 3))) int endWith(int result, const char *format
         char text[xajms::trace::kTextSize];
         va_list args;
         va_start(args, format);
-        std::vsnprintf(text, sizeof text, format, args);
+        (void)std::vsnprintf(text, sizeof text, format, args);
         va_end(args);
         traceJMSData(sockettraceJMSfile, kXASocket, kRecv, text);
     }
@@ -107,10 +107,10 @@ bool waitAndReceive(int sockfd, void *buffer, size_t wanted, const Wait &wait, i
         return true;
     }
     if ((waitFor.revents & (POLLIN | POLLPRI)) == 0) {
-        result = endWith(kReadFailed,
-                         "Socket error: select/poll returned but without any data; errno=%d "
-                         "originalTimeoutDiff=%d timeoutDiff=%d",
-                         errno, wait.originalTimeoutDiff, wait.timeoutDiff);
+        result = endWith(
+            kReadFailed,
+            "Socket error: select/poll returned but without any data; errno=%d originalTimeoutDiff=%d timeoutDiff=%d",
+            errno, wait.originalTimeoutDiff, wait.timeoutDiff);
         return true;
     }
     return receive(sockfd, buffer, wanted, wait, result);
@@ -149,16 +149,16 @@ int recvTimeout_jms(int sockfd, void *buffer, int len, int zeroHour) {
     const size_t wanted = len > 0 ? static_cast<size_t>(len) : 0;
     for (;;) {
         if (wait.timeoutDiff < 0) {
-            return endWith(kTimedOut,
-                           "Timeout during select/poll loop as counter wegative; errno=%d "
-                           "originalTimeoutDiff=%d timeoutDiff=%d",
-                           errno, wait.originalTimeoutDiff, wait.timeoutDiff);
+            return endWith(
+                kTimedOut,
+                "Timeout during select/poll loop as counter wegative; errno=%d originalTimeoutDiff=%d timeoutDiff=%d",
+                errno, wait.originalTimeoutDiff, wait.timeoutDiff);
         }
         if (wait.failureCount > xajms::pool::kMaxFailures) {
-            return endWith(kReadFailed,
-                           "Socket error: too many EINTRs/EAGAINs; errno=%d originalTimeoutDiff=%d "
-                           "timeoutDiff=%d failureCount=%d",
-                           errno, wait.originalTimeoutDiff, wait.timeoutDiff, wait.failureCount);
+            return endWith(
+                kReadFailed,
+                "Socket error: too many EINTRs/EAGAINs; errno=%d originalTimeoutDiff=%d timeoutDiff=%d failureCount=%d",
+                errno, wait.originalTimeoutDiff, wait.timeoutDiff, wait.failureCount);
         }
         int result = 0;
         if (waitAndReceive(sockfd, buffer, wanted, wait, result)) {

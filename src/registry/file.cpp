@@ -74,8 +74,8 @@ void *attach() {
         return nullptr;
     }
     traceJMSData(jmstracefile, kVarnelink, kAttach, "perform UNIX mmap()");
-    shared_memory_loc = mmap(nullptr, registry::kFileSize, PROT_READ | PROT_WRITE, MAP_SHARED,
-                             hMapFile_jms, 0);
+    shared_memory_loc =
+        mmap(nullptr, registry::kFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, hMapFile_jms, 0);
     if (shared_memory_loc == MAP_FAILED) {
         traceJMSData(jmstracefile, kVarnelink, kAttach, "perform UNIX mmap() failed");
         return nullptr;

@@ -23,12 +23,11 @@ struct FirstInMode {
     std::int32_t wanted;
 };
 
-constexpr FirstInMode kStartUpRecoveryPort = {
-    "GetStartUpRecoveryPort", "GetStartUpRecoveryPort No Recovery Port",
-    registry::kModeStartUpRecovery};
-constexpr FirstInMode kPendingSlot = {"CheckForPendingSlot",
-                                      "CheckForPendingSlot - No Pending Port",
-                                      registry::kModePending};
+constexpr FirstInMode kStartUpRecoveryPort = {"GetStartUpRecoveryPort",
+                                              "GetStartUpRecoveryPort No Recovery Port",
+                                              registry::kModeStartUpRecovery};
+constexpr FirstInMode kPendingSlot = {
+    "CheckForPendingSlot", "CheckForPendingSlot - No Pending Port", registry::kModePending};
 constexpr FirstInMode kStartUpRecovery = {"CheckForStartUpRecovery",
                                           "CheckForStartUpRecovery  No Recovery Port",
                                           registry::kModeStartUpRecovery};
@@ -66,8 +65,7 @@ int GetBrokerPorts_jms(void *registryAddress, int *ports) {
         return 0;
     }
     const std::int32_t rowCount = load(file->header.rowCount);
-    xajms::trace::data(sockettraceJMSfile, kXASocket, kFunction, " number of rows = %d",
-                       rowCount);
+    xajms::trace::data(sockettraceJMSfile, kXASocket, kFunction, " number of rows = %d", rowCount);
     int stored = 0;
     const int last = registry::lastRowInclusive(rowCount);
     for (int r = 0; r <= last; ++r) {
@@ -77,12 +75,11 @@ int GetBrokerPorts_jms(void *registryAddress, int *ports) {
         xajms::trace::data(sockettraceJMSfile, kXASocket, kFunction,
                            " row = %d ExGrp = %.128s port = %d mode = %d", r, row.ExGrp, port,
                            mode);
-        if ((mode == registry::kModePending || mode == registry::kModeBroker) &&
-            ports != nullptr) {
+        if ((mode == registry::kModePending || mode == registry::kModeBroker) && ports != nullptr) {
             ports[stored] = port;
             ++stored;
-            xajms::trace::data(sockettraceJMSfile, kXASocket, kFunction,
-                               " found broker port %d", port);
+            xajms::trace::data(sockettraceJMSfile, kXASocket, kFunction, " found broker port %d",
+                               port);
         }
     }
     traceJMSExit(sockettraceJMSfile, kXASocket, kFunction);
@@ -162,8 +159,8 @@ int GetPendingPort_jms(void *registryAddress, int *ports) {
             }
         }
     }
-    xajms::trace::exitData(sockettraceJMSfile, kXASocket, kFunction,
-                           " obtained array of %d ports ", stored);
+    xajms::trace::exitData(sockettraceJMSfile, kXASocket, kFunction, " obtained array of %d ports ",
+                           stored);
     return stored;
 }
 

@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include "pool/pool.h"
 #include "trace/trace.h"
 
 namespace {
@@ -14,6 +15,21 @@ using xajms::registry::load;
 using xajms::registry::Row;
 using xajms::trace::kXASocket;
 namespace registry = xajms::registry;
+
+// Marks dead the first row among rows 0 to row count inclusive that holds the port.
+void markFirstRowOfPort(File &file, int port) {
+    const int last = registry::lastRowInclusive(load(file.header.rowCount));
+    for (int r = 0; r <= last; ++r) {
+        Row &row = file.row[r];
+        if (load(row.port) == port) {
+            registry::store(row.mode, registry::kModeDead);
+            xajms::trace::data(sockettraceJMSfile, kXASocket, "markBrokerPortDead",
+                               " Marked port dead for row %d for exec group %.128s and set port %d",
+                               r, row.ExGrp, port);
+            return;
+        }
+    }
+}
 
 }  // namespace
 
@@ -38,6 +54,27 @@ int markRecoveryPortDead_jms(void *registryAddress) {
     }
     traceJMSExitData(sockettraceJMSfile, kXASocket, kFunction, "Recovery Port Not found");
     return 0;
+}
+
+// Marks dead the first row that holds the port and has the pool drop the port's sockets,
+// whether or not a row held it. Port 0 touches neither the registry nor the pool.
+void markBrokerPortDead_jms(int port) {
+    constexpr char kFunction[] = "markBrokerPortDead";
+    traceJMSEntry(sockettraceJMSfile, kXASocket, kFunction);
+    if (port == 0) {
+        traceJMSExit(sockettraceJMSfile, kXASocket, kFunction);
+        return;
+    }
+    auto *file = static_cast<File *>(GetSharedMemory_jms());
+    if (file == nullptr) {
+        traceJMSData(sockettraceJMSfile, kXASocket, kFunction,
+                     "<ERROR> shared memory not accessible");
+        traceJMSExit(sockettraceJMSfile, kXASocket, kFunction);
+        return;
+    }
+    markFirstRowOfPort(*file, port);
+    connectionSocketPool_jms(port, nullptr, xajms::pool::kActionClear);
+    traceJMSExit(sockettraceJMSfile, kXASocket, kFunction);
 }
 
 }  // extern "C"

@@ -1,0 +1,65 @@
+// The command line of xajms-listener: what it registers, how it answers each request type,
+// which requests it answers late, never or by closing the connection, and where it logs.
+#pragma once
+
+#include "wire.h"
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace xajms::listener {
+
+// The registry modes a listener can register in (the values of the row's mode field).
+enum class Mode : std::int32_t { recovery = 1, broker = 2, pending = 4 };
+
+enum class Misbehaviour { none, late, never, drop, half };
+
+struct Behaviour {
+    Misbehaviour kind = Misbehaviour::none;
+    int lateMs = 0;
+};
+
+inline constexpr std::string_view kDefaultRegistry = "/var/orlom/XA_SWITCH_MMF";
+inline constexpr std::size_t kNameSize = 128;
+
+struct Options {
+    int port = 0;
+    Mode mode = Mode::broker;
+    std::string name = "xajms-listener";
+    std::string registry{kDefaultRegistry};
+    bool registerRow = true;
+    // Answer codes of prepare, commit, rollback and forget, indexed by RequestType.
+    std::array<std::int32_t, 4> codes{};
+    std::array<Behaviour, kAnsweredTypes> byType{};
+    // Behaviour of the nth request (counted from 1 over all types); wins over byType.
+    std::map<std::uint64_t, Behaviour> byNumber;
+    std::vector<Xid> xids;
+    std::optional<std::int32_t> recoverCount;
+    std::optional<std::int32_t> recoverDataSize;
+    std::string logPath;
+    bool quiet = false;
+    bool help = false;
+};
+
+// A bad command line; what() is the one-line reason.
+class UsageError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// Parses the arguments after the program name. Throws UsageError on anything it does not
+// accept; later occurrences of an option override earlier ones, except --xid, which adds.
+Options parseOptions(int argc, const char *const *argv);
+
+// What a request numbered n of this type is to suffer.
+Behaviour behaviourFor(const Options &o, std::uint64_t n, RequestType type);
+
+std::string_view helpText();
+
+}  // namespace xajms::listener

@@ -1,0 +1,24 @@
+// The listener's event loop: one epoll set over the listening socket, the termination signals
+// and every accepted connection, with a timer queue for late answers. No thread per
+// connection and no blocking call but the wait itself.
+#pragma once
+
+#include "descriptor.h"
+#include "options.h"
+#include "request_log.h"
+
+namespace xajms::listener {
+
+// Binds a non-blocking socket to 127.0.0.1:port and listens; boundPort receives the port
+// actually bound (the free one picked for port 0). Throws std::system_error on failure.
+Descriptor listenOn(int port, int &boundPort);
+
+// Blocks SIGTERM and SIGINT and returns a signal descriptor that reports them, so that the
+// loop can empty the registry row before it exits. SIGPIPE is ignored.
+Descriptor terminationSignals();
+
+// Serves until a cleanup close request or a termination signal; returns the exit status.
+int serve(const Options &options, const Descriptor &listener, const Descriptor &signals,
+          RequestLog &log);
+
+}  // namespace xajms::listener
