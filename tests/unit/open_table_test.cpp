@@ -86,6 +86,12 @@ TEST(OpenTable, LongOpenStringIsStoredAs256CharactersWithoutTerminator) {
     EXPECT_EQ(pRmidOpenstrTable[1].rmid, 999U);  // the next record is untouched
 }
 
+TEST(OpenTable, NullOpenStringIsStoredAsEmpty) {
+    EXPECT_EQ(xa_open_entry_jms(nullptr, 4, TMNOFLAGS), XA_OK);
+    EXPECT_EQ(pRmidOpenstrTable[0].rmid, 4U);
+    EXPECT_STREQ(pRmidOpenstrTable[0].openstring, "");
+}
+
 TEST(OpenTable, FullTableRefusesA501stRmid) {
     std::string open = "o";
     for (int rmid = 0; rmid < 500; ++rmid) {
