@@ -10,8 +10,9 @@ namespace {
 
 using Writer = void (*)(const char *, const char *, const char *, const char *);
 
-void write(Writer writer, const char *prefix, const char *component, const char *function,
-           const char *format, va_list args) {
+__attribute__((format(printf, 5, 0))) void write(Writer writer, const char *prefix,
+                                                 const char *component, const char *function,
+                                                 const char *format, va_list args) {
     char text[kTextSize];
     std::vsnprintf(text, sizeof text, format, args);
     writer(prefix, component, function, text);
