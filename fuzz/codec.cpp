@@ -1,0 +1,49 @@
+// The decoders on arbitrary bytes: getInt_jms and getLong_jms on the first bytes, and
+// extractXIDs_jms on records shaped as the reply reader hands them over (the count first,
+// then records that recordsFit accepted). Each XID extracted flattens back to its record.
+#include <cstdlib>
+#include <cstring>
+
+#include "common.h"
+#include "protocol/protocol.h"
+
+namespace fuzz = xajms::fuzz;
+
+namespace {
+
+// A decoded 4-byte value encodes back to the same bytes.
+void checkInt(const uint8_t *bytes) {
+    unsigned char again[4];
+    setInt_jms(again, getInt_jms(bytes));
+    if (std::memcmp(again, bytes, sizeof again) != 0) {
+        fuzz::fail("getInt_jms and setInt_jms disagree");
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    uint8_t head[8] = {};
+    std::memcpy(head, data, size < sizeof head ? size : sizeof head);
+    checkInt(head);
+    (void)getLong_jms(head);
+    const int count = getInt_jms(head);
+    const uint8_t *records = data + (size < 4 ? size : 4);
+    const long length = size < 4 ? 0 : static_cast<long>(size - 4);
+    if (!xajms::protocol::recordsFit(records, length, count)) {
+        return 0;
+    }
+    XID *xids = extractXIDs_jms(records, count);
+    long at = 0;
+    for (int i = 0; xids != nullptr && i < count; ++i) {
+        unsigned char flat[xajms::protocol::kFlatXidClear];
+        const int flatSize = flattenXIDtoJavaTypes_jms(flat, &xids[i]);
+        // formatID is decoded with a signed lower word and may not encode back (kept so).
+        if (at + flatSize > length || std::memcmp(flat + 8, records + at + 8, flatSize - 8) != 0) {
+            fuzz::fail("an extracted XID does not flatten back to its record");
+        }
+        at += flatSize;
+    }
+    std::free(xids);
+    return 0;
+}
