@@ -397,4 +397,37 @@ TEST_F(Pool, CountsOutsideTheTableAreReadAsItsBounds) {
     expectRow(0, port, 6, INT32_MIN, edge);
 }
 
+// The diagnostic listing shows every used row with all 30 slots, never more rows than the
+// table holds, whatever numPorts and rows say.
+TEST_F(Pool, ListingShowsEachUsedRowWithAllThirtySlots) {
+    struct Case {
+        int numPorts;
+        int listedRows;
+    } cases[] = {{1, 1}, {-3, 0}, {600, 500}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.numPorts);
+        pool = ConnectionPool{};
+        const std::vector<SocketSlot> slots = fillRow(0, 4000, 2, 1);
+        pool.row[0].rows = 45;
+        pool.numPorts = c.numPorts;
+        trace();
+        poolListContents();
+        std::vector<std::string> want{golden(1, "{ XASocket poolListContents_jms ")};
+        for (int r = 0; r < c.listedRows; ++r) {
+            const std::string counts =
+                r == 0 ? "port=4000 #rows=45 #avail=1" : "port=0 #rows=0 #avail=0";
+            want.push_back(golden(1, "  XASocket poolListContents_jms   " + counts));
+            for (int i = 0; i < 30; ++i) {
+                const SocketSlot slot = r == 0 && i < 2 ? slots[i] : SocketSlot{0, 0};
+                want.push_back(golden(1, "  XASocket poolListContents_jms   ==> sockfd=" +
+                                             std::to_string(slot.sockfd) +
+                                             " inUse=" + std::to_string(slot.inUse)));
+            }
+        }
+        want.push_back(golden(1, "} XASocket poolListContents_jms "));
+        EXPECT_EQ(lines(), want);
+        poolClear_jms(4000);
+    }
+}
+
 }  // namespace

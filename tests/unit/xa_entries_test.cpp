@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -137,6 +138,42 @@ TEST(XaEntries, RecoverAsksTheListenersOnlyWhileABrokerOrPendingRowExistsAndRepo
         scriptedAnswer = 3;  // XIDs the listeners reported: never passed on
         EXPECT_EQ(xa_recover_entry_jms(xids, 4, 1, TMSTARTRSCAN), 0);
         EXPECT_EQ(sends, c.sends);
+    }
+}
+
+// Without a listener, recover looks the rmid's open string up in the open table, up to
+// the first empty record; a string that fills its record is traced without running past it.
+TEST(XaEntries, RecoverWithoutListenersTracesTheOpenStringStoredForItsRmid) {
+    const std::string why = xajms::test::enterPrivateOrlom();
+    if (!why.empty()) {
+        GTEST_SKIP() << why;
+    }
+    writeRegistry({});
+    GetSharedMemory_jms();  // attached before: each case traces the same depth
+    std::string full(300, 'o');
+    std::string shorter = "qm=QM2";
+    xa_open_entry_jms(full.data(), 1, TMNOFLAGS);
+    xa_open_entry_jms(shorter.data(), 2, TMNOFLAGS);
+    xajms::test::TempDir dir;
+    xajms::test::freezeTraceColumns();
+    struct Case {
+        int rmid;
+        std::string line;
+    } cases[] = {
+        {1, "  Varnelink xa_recover_entry_jms    found openstring " + full.substr(0, 256) +
+                " for rmid 1"},
+        {2, "  Varnelink xa_recover_entry_jms    found openstring qm=QM2 for rmid 2"},
+        {3, "  Varnelink xa_recover_entry_jms    no openstring data for rmid 3"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.rmid);
+        xajms::test::enableVarnelinkTrace(dir.path() + "/t");
+        iIndent = 0;
+        sends = 0;
+        EXPECT_EQ(xa_recover_entry_jms(nullptr, 0, c.rmid, TMNOFLAGS), XA_OK);
+        EXPECT_EQ(sends, 0);
+        const auto lines = xajms::test::traceLines(dir.path() + "/t");
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), golden(5, c.line)), 1);
     }
 }
 
