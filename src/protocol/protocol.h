@@ -24,6 +24,23 @@ inline constexpr int kRecoverBuffer = 1024;  // the caller's buffer of a recover
 inline constexpr int kNoAnswer = -99;        // no answer in time: never leaves the senders
 inline constexpr char kCloseText[] = "Cleanup Java Process";
 
+inline constexpr int kPortList = 500;         // one port entry per row of the registry file
+inline constexpr int kAnswerSize = 4;         // a completion reply: the bare XA code
+inline constexpr int kAnswerTimeout = 60;     // seconds a listener has for a completion reply
+inline constexpr int kRecoverTimeout = 20;    // seconds for each read of a recover reply
+inline constexpr unsigned kRetrySeconds = 1;  // sleep between two registry look-ups
+inline constexpr int kFanOutAttempts = 3;     // registry look-ups of the fan-out
+inline constexpr int kBrokerRecoverAttempts = 15;
+inline constexpr int kRecoveryPortAttempts = 5;  // start-up recovery and close
+inline constexpr int kStartUpSocketAttempts = 2;
+
+// The largest close text that fits behind the header in the request buffer.
+inline constexpr int kMaxCloseText = kRequestBuffer - kHeaderSize;
+
+// Sends the first `length` bytes of the request in one call. A listener that has closed
+// the connection makes this fail with EPIPE instead of raising SIGPIPE in the host.
+long sendRequest(int sockfd, const unsigned char *request, int length);
+
 // How many data bytes of an XID are used for its lengths: gtrid_length + bqual_length as
 // long as that lies within the 128-byte data area, else cut to 0 or 128.
 long dataBytes(long gtridLength, long bqualLength);

@@ -1,8 +1,10 @@
 // The interposed C library calls of the test executables and their switches.
 #include "support/fakes.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 #include <atomic>
+#include <cstdarg>
 #include <mutex>
 
 namespace xajms::test {
@@ -19,9 +21,11 @@ struct State {
     PollScript poll;
     RecvScript recv;
     DlopenScript dlopen;
+    OpenScript open;
     std::atomic<int> polls{0};
     std::atomic<int> recvs{0};
     std::atomic<int> dlopens{0};
+    std::atomic<int> opens{0};
 };
 
 State &state() {
@@ -85,10 +89,19 @@ void setDlopen(DlopenScript script) {
     state().dlopen = std::move(script);
 }
 
+void setOpen(OpenScript script) {
+    state().open = std::move(script);
+}
+
 void clearScripts() {
     state().poll = nullptr;
     state().recv = nullptr;
     state().dlopen = nullptr;
+    state().open = nullptr;
+}
+
+int openCalls() {
+    return state().opens;
 }
 
 int pollCalls() {
@@ -116,6 +129,11 @@ ssize_t realRecv(int fd, void *buffer, size_t length, int flags) {
 void *realDlopen(const char *file, int mode) {
     static auto fn = next<void *(*)(const char *, int)>("dlopen");
     return fn(file, mode);
+}
+
+int realOpen(const char *path, int flags, mode_t mode) {
+    static auto fn = next<int (*)(const char *, int, ...)>("open");
+    return fn(path, flags, mode);
 }
 
 }  // namespace xajms::test
@@ -188,6 +206,22 @@ void *dlopen(const char *file, int mode) noexcept {
         return state().dlopen(file, mode);
     }
     return xajms::test::realDlopen(file, mode);
+}
+
+// The mode argument is read only when the flags create a file, as the C library does.
+int open(const char *path, int flags, ...) {
+    mode_t mode = 0;
+    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
+        va_list args;
+        va_start(args, flags);
+        mode = static_cast<mode_t>(va_arg(args, int));
+        va_end(args);
+    }
+    state().opens += 1;
+    if (state().open) {
+        return state().open(path, flags, mode);
+    }
+    return xajms::test::realOpen(path, flags, mode);
 }
 
 }  // extern "C"

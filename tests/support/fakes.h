@@ -1,5 +1,5 @@
 // Fakes of the C library calls that make tests slow or unrepeatable. The test executable
-// defines sleep, time, gettimeofday, getpid, poll, recv and dlopen itself, so that every call
+// defines sleep, time, gettimeofday, getpid, poll, recv, dlopen and open itself, so that every call
 // that libxajms makes lands here first. Each fake forwards to the C library until a test arms
 // it; sleep never sleeps in a test executable: it only counts.
 #pragma once
@@ -34,16 +34,21 @@ void disarmPid();
 using PollScript = std::function<int(pollfd *, nfds_t, int)>;
 using RecvScript = std::function<ssize_t(int, void *, size_t, int)>;
 using DlopenScript = std::function<void *(const char *, int)>;
+// open(path, flags, mode); the script may call realOpen itself.
+using OpenScript = std::function<int(const char *, int, mode_t)>;
 void setPoll(PollScript script);
 void setRecv(RecvScript script);
 void setDlopen(DlopenScript script);
+void setOpen(OpenScript script);
 void clearScripts();
 int pollCalls();
 int recvCalls();
 int dlopenCalls();
+int openCalls();
 
 int realPoll(pollfd *fds, nfds_t count, int timeout);
 ssize_t realRecv(int fd, void *buffer, size_t length, int flags);
 void *realDlopen(const char *file, int mode);
+int realOpen(const char *path, int flags, mode_t mode);
 
 }  // namespace xajms::test
