@@ -34,8 +34,8 @@ Verbs (flags are names joined by '|' or '+', or a number; the defaults are shown
   complete[=FLAGS]    xa_complete, TMNOFLAGS
 
 Options:
-  --library PATH      switch load file to load (default libxajms.so.1, found next to the
-                      tool when installed and in the build tree)
+  --library PATH      switch load file to load (default the libxajms.so.1 built with the
+                      tool: in its build tree, or in the installed library directory)
   --start NAME        start function returning the switch record (default OrloStart)
   --broker            call ZJavaInitSwitchJMS of the library first, as a broker process does
   --rmid N            resource manager id passed to every call (default 1)

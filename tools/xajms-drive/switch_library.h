@@ -16,8 +16,8 @@ class LoadError : public std::runtime_error {
 
 class SwitchLibrary {
   public:
-    // Loads the library at path, or libxajms.so.1 on the tool's own library path when path
-    // is empty. Throws LoadError when the dynamic loader refuses it.
+    // Loads the library at path, or the library built with the tool when path is empty.
+    // Throws LoadError when the dynamic loader refuses it.
     explicit SwitchLibrary(const std::string &path);
     ~SwitchLibrary();
     SwitchLibrary(const SwitchLibrary &) = delete;
