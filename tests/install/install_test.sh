@@ -6,7 +6,8 @@
 set -euo pipefail
 build=$1
 here=$2
-cflags="-std=c11 -Wall -Wextra -Werror"
+# Strict ISO C hides pthread_rwlock_t, which xajms.h uses: such a host asks for POSIX 2008.
+cflags="-std=c11 -D_POSIX_C_SOURCE=200809L -Wall -Wextra -Werror"
 if [ -n "${3:-}" ]; then
     cflags="$cflags -fsanitize=$3"
 fi
@@ -28,14 +29,16 @@ libdir=$(pkg-config --variable=libdir xajms)
 # The library with its SONAME and version links, the headers, the tools, the package.
 [ "$(readlink "$libdir/libxajms.so")" = libxajms.so.1 ] || fail "libxajms.so is no link to .so.1"
 [ -f "$libdir/libxajms.so.1" ] || fail "libxajms.so.1 missing"
-readelf -d "$libdir/libxajms.so.1" | grep -q 'SONAME.*\[libxajms\.so\.1\]' || fail "bad SONAME"
+# grep reads all its input (no -q): with pipefail an early exit would fail the writer.
+readelf -d "$libdir/libxajms.so.1" | grep 'SONAME.*\[libxajms\.so\.1\]' >/dev/null ||
+    fail "bad SONAME"
 for f in include/xajms/xa.h include/xajms/xajms.h bin/xajms-drive bin/xajms-registry \
     bin/xajms-listener; do
     [ -e "$prefix/$f" ] || fail "$f not installed"
 done
-find "$prefix" -name xajmsConfigVersion.cmake | grep -q . || fail "no package version file"
+find "$prefix" -name xajmsConfigVersion.cmake | grep . >/dev/null || fail "no package version file"
 
-if ! nm -D --defined-only "$libdir/libxajms.so.1" | grep -qw OrloStart; then
+if ! nm -D --defined-only "$libdir/libxajms.so.1" | grep -w OrloStart >/dev/null; then
     echo "the library has no OrloStart yet"
     exit 77
 fi

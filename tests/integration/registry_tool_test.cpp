@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <memory>
@@ -142,33 +143,39 @@ TEST(RegistryTool, ShowsCountedRowsAndRowsInUseBeyondTheCount) {
     const std::string me = std::to_string(getpid());
     const std::string gone = std::to_string(ended);
     const std::string n128(128, 'N');
-    const std::string pad(128 - 15, ' ');
+    // Columns are as wide as their widest cell, two blanks apart.
+    const std::size_t pidWidth = std::max({std::size_t{3}, me.size(), gone.size()});
+    const auto row = [pidWidth](const std::string &index, const std::string &name,
+                                const std::string &port, const std::string &pid,
+                                const std::string &rest) {
+        return index + std::string(5 - index.size(), ' ') + name +
+               std::string(130 - name.size(), ' ') + port + std::string(7 - port.size(), ' ') +
+               pid + std::string(pidWidth + 2 - pid.size(), ' ') + rest;
+    };
     const std::vector<std::string> want = {
         path + ": row count 4",
-        "row  execution group" + pad + "  port   pid    alive  mode",
-        "0    EG1" + std::string(125, ' ') + "  40001  " + me + std::string(7 - me.size(), ' ') +
-            "yes    broker",
-        "1    a\\x5cb\\x01" + std::string(118, ' ') + "  40002  " + gone +
-            std::string(7 - gone.size(), ' ') + "no     pending",
-        "2    " + std::string(128, ' ') + "  0      0      -      empty",
-        "3    " + n128 + "  40003  -1     -      unknown (7)",
-        "9    late" + std::string(124, ' ') + "  40009  0      -      start-up recovery *",
+        row("row", "execution group", "port", "pid", "alive  mode"),
+        row("0", "EG1", "40001", me, "yes    broker"),
+        row("1", "a\\x5cb\\x01", "40002", gone, "no     pending"),
+        row("2", "", "0", "0", "-      empty"),
+        row("3", n128, "40003", "-1", "-      unknown (7)"),
+        row("9", "late", "40009", "0", "-      start-up recovery *"),
         "* at or beyond the row count: in use, but not counted",
     };
     EXPECT_EQ(lines(run.out), want);
 
     const ToolRun js = runRegistry({"--json", "--file", path});
     EXPECT_EQ(js.status, 0);
-    const std::string row = R"({"row":)";
+    const std::string at = R"({"row":)";
     EXPECT_EQ(js.out, R"({"file":")" + path + R"(","rowCount":4,"rowCountInRange":true,"rows":[)" +
-                          row + R"(0,"name":"EG1","port":40001,"pid":)" + me +
-                          R"(,"alive":true,"mode":"broker","modeValue":2,"counted":true},)" + row +
+                          at + R"(0,"name":"EG1","port":40001,"pid":)" + me +
+                          R"(,"alive":true,"mode":"broker","modeValue":2,"counted":true},)" + at +
                           R"(1,"name":"a\\b\u0001","port":40002,"pid":)" + gone +
-                          R"(,"alive":false,"mode":"pending","modeValue":4,"counted":true},)" +
-                          row + R"(2,"name":"","port":0,"pid":0,"alive":null,"mode":"empty",)" +
-                          R"("modeValue":0,"counted":true},)" + row + R"(3,"name":")" + n128 +
+                          R"(,"alive":false,"mode":"pending","modeValue":4,"counted":true},)" + at +
+                          R"(2,"name":"","port":0,"pid":0,"alive":null,"mode":"empty",)" +
+                          R"("modeValue":0,"counted":true},)" + at + R"(3,"name":")" + n128 +
                           R"(","port":40003,"pid":-1,"alive":null,"mode":"unknown",)" +
-                          R"("modeValue":7,"counted":true},)" + row +
+                          R"("modeValue":7,"counted":true},)" + at +
                           R"(9,"name":"late","port":40009,"pid":0,"alive":null,)" +
                           R"("mode":"start-up recovery","modeValue":1,"counted":false}]})" + "\n");
 }

@@ -15,6 +15,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <string_view>
 #include <vector>
 
@@ -52,19 +53,21 @@ void parseEntry(Script &script, std::string_view entry) {
     }
 }
 
+// Read once from the environment. The script is a static object, not a heap block, so that
+// unloading the library leaves nothing behind.
 Script &script() {
-    static Script *loaded = [] {
-        auto *s = new Script;
+    static Script loaded;
+    static std::once_flag once;
+    std::call_once(once, [] {
         const char *text = std::getenv("XAJMS_TEST_SCRIPT");
         std::string_view rest = text != nullptr ? text : "";
         while (!rest.empty()) {
             const std::size_t cut = rest.find(';');
-            parseEntry(*s, rest.substr(0, cut));
+            parseEntry(loaded, rest.substr(0, cut));
             rest = cut == std::string_view::npos ? std::string_view() : rest.substr(cut + 1);
         }
-        return s;
-    }();
-    return *loaded;
+    });
+    return loaded;
 }
 
 void logLine(const char *format, ...) __attribute__((format(printf, 1, 2)));
