@@ -26,6 +26,8 @@ struct State {
     std::atomic<int> recvs{0};
     std::atomic<int> dlopens{0};
     std::atomic<int> opens{0};
+    std::atomic<int> failAt{0};  // countdown to the failing allocation; 0 when disarmed
+    std::atomic<int> allocations{0};
 };
 
 State &state() {
@@ -104,6 +106,23 @@ int openCalls() {
     return state().opens;
 }
 
+bool allocationFaultsAvailable() {
+#ifdef __SANITIZE_ADDRESS__
+    return false;
+#else
+    return true;
+#endif
+}
+
+void failAllocation(int nth) {
+    state().allocations = 0;
+    state().failAt = nth;
+}
+
+int allocationCalls() {
+    return state().allocations;
+}
+
 int pollCalls() {
     return state().polls;
 }
@@ -139,6 +158,74 @@ int realOpen(const char *path, int flags, mode_t mode) {
 }  // namespace xajms::test
 
 using xajms::test::state;
+
+// AddressSanitizer owns malloc and calloc and needs them before anything here could run, so
+// the allocation fakes exist only in builds without it.
+#ifndef __SANITIZE_ADDRESS__
+
+namespace {
+
+using MallocFn = void *(*)(size_t);
+using CallocFn = void *(*)(size_t, size_t);
+
+// True when this allocation is the one a test asked to fail.
+bool allocationFails() {
+    if (state().failAt == 0) {
+        return false;
+    }
+    state().allocations += 1;
+    return state().failAt.fetch_sub(1) == 1;
+}
+
+// dlsym may allocate while it looks calloc up; such early calls are served from here.
+alignas(16) unsigned char bootstrap[4096];
+size_t bootstrapUsed = 0;
+bool resolving = false;
+
+void *bootstrapAlloc(size_t size) {
+    const size_t rounded = (size + 15) & ~size_t{15};
+    if (bootstrapUsed + rounded > sizeof bootstrap) {
+        return nullptr;
+    }
+    void *block = bootstrap + bootstrapUsed;
+    bootstrapUsed += rounded;
+    return block;
+}
+
+}  // namespace
+
+extern "C" {
+
+void *malloc(size_t size) noexcept {
+    static MallocFn real = nullptr;
+    if (real == nullptr) {
+        if (resolving) {
+            return bootstrapAlloc(size);
+        }
+        resolving = true;
+        real = reinterpret_cast<MallocFn>(dlsym(RTLD_NEXT, "malloc"));
+        resolving = false;
+    }
+    return allocationFails() ? nullptr : real(size);
+}
+
+void *calloc(size_t count, size_t size) noexcept {
+    static CallocFn real = nullptr;
+    if (real == nullptr) {
+        if (resolving) {
+            void *block = bootstrapAlloc(count * size);
+            return block;  // the bootstrap area starts zeroed
+        }
+        resolving = true;
+        real = reinterpret_cast<CallocFn>(dlsym(RTLD_NEXT, "calloc"));
+        resolving = false;
+    }
+    return allocationFails() ? nullptr : real(count, size);
+}
+
+}  // extern "C"
+
+#endif  // __SANITIZE_ADDRESS__
 
 extern "C" {
 

@@ -46,6 +46,13 @@ int recvCalls();
 int dlopenCalls();
 int openCalls();
 
+// Allocation faults: while armed, the nth call of malloc or calloc from now on (1 = the next)
+// returns null; calls before it and after it are served. Counts every call either way.
+// Not available under AddressSanitizer, which owns the allocator: tests skip then.
+bool allocationFaultsAvailable();
+void failAllocation(int nth);
+int allocationCalls();
+
 int realPoll(pollfd *fds, nfds_t count, int timeout);
 ssize_t realRecv(int fd, void *buffer, size_t length, int flags);
 void *realDlopen(const char *file, int mode);

@@ -17,13 +17,17 @@ void freezeTraceColumns() {
     armPid(kTracePid);
 }
 
-std::vector<std::string> traceLines(const std::string &prefix, pid_t pid) {
+std::vector<std::string> fileLines(const std::string &path) {
     std::vector<std::string> lines;
-    std::ifstream in(prefix + std::to_string(pid) + ".trc");
+    std::ifstream in(path);
     for (std::string line; std::getline(in, line);) {
         lines.push_back(line);
     }
     return lines;
+}
+
+std::vector<std::string> traceLines(const std::string &prefix, pid_t pid) {
+    return fileLines(prefix + std::to_string(pid) + ".trc");
 }
 
 std::string golden(int pad, std::string_view rest) {

@@ -21,6 +21,9 @@ void freezeTraceColumns();
 // file does not exist.
 std::vector<std::string> traceLines(const std::string &prefix, pid_t pid = kTracePid);
 
+// The lines of any text file, without their newlines; empty when it does not exist.
+std::vector<std::string> fileLines(const std::string &path);
+
 // One expected line under freezeTraceColumns(): time stamp, pid, the six-blank field, `pad`
 // blanks of indentation, then `rest` (marker, component, function and data as written).
 std::string golden(int pad, std::string_view rest);

@@ -126,6 +126,18 @@ TEST_F(JniBridge, UnreachableJavaIsReportedWithoutCallingThroughNull) {
     }
 }
 
+TEST_F(JniBridge, NullSlotsOfTheTableAreTakenAsJavaUnreachable) {
+    JNISwitchJMS empty{};
+    pJNI_Switch = &empty;
+    flGotJNISwitch_jms = 1;
+    std::string open = "o";
+    EXPECT_EQ(xa_start_entry_jms(&xid, 1, TMNOFLAGS), XAER_RMERR);
+    EXPECT_EQ(xa_end_entry_jms(&xid, 1, TMSUCCESS), XA_OK);
+    ZJavaInitSwitchJMS();
+    EXPECT_EQ(xa_open_entry_jms(open.data(), 1, TMNOFLAGS), XAER_RMERR);
+    pJNI_Switch = nullptr;
+}
+
 TEST_F(JniBridge, UnterminatedOpenStringReachesJavaCutAt256) {
     storeOpenString(7, std::string(300, 'o'));
     xa_start_entry_jms(&xid, 7, TMNOFLAGS);
