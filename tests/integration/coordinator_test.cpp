@@ -252,7 +252,7 @@ TEST_F(Coordinator, QueueManagerRunTracesBothHalvesAsTheGoldenFile) {
     sw->xa_close_entry(openString, 1, TMNOFLAGS);
 
     const auto actual = normalised(xajms::test::traceLines(prefix), listener);
-    const std::string golden = std::string(XAJMS_TEST_DATA) + "/golden/queue_manager_run.trc";
+    const std::string golden = std::string(XAJMS_TEST_DATA) + "/golden/queue_manager_run.txt";
     if (std::getenv("XAJMS_UPDATE_GOLDEN") != nullptr) {
         std::ofstream out(golden);
         for (const std::string &line : actual) {
