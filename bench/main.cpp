@@ -24,10 +24,10 @@ namespace {
 using namespace xajms::bench;
 
 struct Config {
-    int rounds = 10;            // raw and library runs alternate this many times
-    int commitsPerRound = 2000;  // per thread count, shared among its threads
-    int recoversPerRound = 200;
-    int traceBatches = 500;      // per round, of traceCallsPerBatch calls
+    int rounds = 20;             // the measurements of an item alternate this many times
+    int commitsPerRound = 1000;  // per thread count, shared among its threads
+    int recoversPerRound = 100;
+    int traceBatches = 250;      // per round, of traceCallsPerBatch calls
     int traceCallsPerBatch = 1000;
     int syscallOps = 2000;
     bool smoke = false;
@@ -50,7 +50,7 @@ Row rowOf(std::string key, std::string label, int threads, const Run &run) {
     row.key = std::move(key);
     row.label = std::move(label);
     row.threads = threads;
-    row.summary = summarize(run.latenciesNs, run.wallSeconds, run.calls());
+    row.summary = summarize(run.latenciesNs, run.roundRates, run.calls());
     row.failures = run.failures;
     return row;
 }

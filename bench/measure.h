@@ -18,6 +18,9 @@ struct Run {
     std::uint64_t failures = 0;
     // Calls that one sample stands for: 1, or the size of a timed batch.
     int callsPerSample = 1;
+    // Calls a second of each run added up here, so that a round the machine slowed down
+    // cannot move the rate much.
+    std::vector<double> roundRates;
 
     std::uint64_t calls() const { return latenciesNs.size() * static_cast<std::uint64_t>(callsPerSample); }
 
@@ -27,6 +30,11 @@ struct Run {
         wallSeconds += other.wallSeconds;
         failures += other.failures;
         callsPerSample = other.callsPerSample;
+        if (!other.roundRates.empty()) {
+            roundRates.insert(roundRates.end(), other.roundRates.begin(), other.roundRates.end());
+        } else if (other.wallSeconds > 0) {
+            roundRates.push_back(static_cast<double>(other.calls()) / other.wallSeconds);
+        }
     }
 };
 

@@ -23,8 +23,10 @@ struct Summary {
 // vector is partially reordered. 0 for no samples.
 double percentileNs(std::vector<double> &latenciesNs, double fraction);
 
-// p50 and p99 of the latencies, and `calls` over the wall time they took, a second.
-Summary summarize(std::vector<double> latenciesNs, double wallSeconds, std::uint64_t calls);
+// p50 and p99 of the latencies, `calls` in all, and the median of the calls a second that
+// each round of the run reached (0 without rounds).
+Summary summarize(std::vector<double> latenciesNs, std::vector<double> roundRates,
+                  std::uint64_t calls);
 
 // The system calls strace -c counted, by name, with the total; read from the summary that
 // "strace -c -U name,calls" writes. Nothing when the text holds no total line.

@@ -37,12 +37,12 @@ TEST(BenchStats, PercentileIsTheNearestRank) {
     }
 }
 
-TEST(BenchStats, SummaryIsInMicrosecondsAndCallsOverWallTime) {
-    const Summary s = summarize(oneTo(100), 0.5, 1000);
+TEST(BenchStats, SummaryIsInMicrosecondsWithTheMedianRoundRate) {
+    const Summary s = summarize(oneTo(100), {900, 2000, 100, 2100, 1000}, 1000);
     EXPECT_DOUBLE_EQ(s.p50Us, 0.050);
     EXPECT_DOUBLE_EQ(s.p99Us, 0.099);
-    EXPECT_DOUBLE_EQ(s.callsPerSecond, 2000);
-    EXPECT_EQ(summarize({}, 0, 0).callsPerSecond, 0);
+    EXPECT_DOUBLE_EQ(s.callsPerSecond, 1000);
+    EXPECT_EQ(summarize({}, {}, 0).callsPerSecond, 0);
 }
 
 constexpr char kSummary[] = R"(syscall              calls
