@@ -50,7 +50,7 @@ Row rowOf(std::string key, std::string label, int threads, const Run &run) {
     row.key = std::move(key);
     row.label = std::move(label);
     row.threads = threads;
-    row.summary = summarize(run.latenciesNs, run.roundRates, run.calls());
+    row.summary = summarize(run.latenciesNs, run.roundP50sNs, run.roundRates, run.calls());
     row.failures = run.failures;
     return row;
 }

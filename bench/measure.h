@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "stats.h"
+
 namespace xajms::bench {
 
 // The latencies of the calls of a run and how long the run took.
@@ -21,6 +23,8 @@ struct Run {
     // Calls a second of each run added up here, so that a round the machine slowed down
     // cannot move the rate much.
     std::vector<double> roundRates;
+    // The p50 of each run added up here, in nanoseconds, for the same reason.
+    std::vector<double> roundP50sNs;
 
     std::uint64_t calls() const { return latenciesNs.size() * static_cast<std::uint64_t>(callsPerSample); }
 
@@ -32,8 +36,12 @@ struct Run {
         callsPerSample = other.callsPerSample;
         if (!other.roundRates.empty()) {
             roundRates.insert(roundRates.end(), other.roundRates.begin(), other.roundRates.end());
+            roundP50sNs.insert(roundP50sNs.end(), other.roundP50sNs.begin(),
+                               other.roundP50sNs.end());
         } else if (other.wallSeconds > 0) {
             roundRates.push_back(static_cast<double>(other.calls()) / other.wallSeconds);
+            std::vector<double> samples = other.latenciesNs;
+            roundP50sNs.push_back(percentileNs(samples, 0.5));
         }
     }
 };

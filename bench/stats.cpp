@@ -20,11 +20,12 @@ double percentileNs(std::vector<double> &latenciesNs, double fraction) {
     return *nth;
 }
 
-Summary summarize(std::vector<double> latenciesNs, std::vector<double> roundRates,
-                  std::uint64_t calls) {
+Summary summarize(std::vector<double> latenciesNs, std::vector<double> roundP50sNs,
+                  std::vector<double> roundRates, std::uint64_t calls) {
     Summary s;
     s.calls = calls;
-    s.p50Us = percentileNs(latenciesNs, 0.50) / 1000.0;
+    s.p50Us = (roundP50sNs.empty() ? percentileNs(latenciesNs, 0.50)
+                                   : percentileNs(roundP50sNs, 0.50)) / 1000.0;
     s.p99Us = percentileNs(latenciesNs, 0.99) / 1000.0;
     s.callsPerSecond = percentileNs(roundRates, 0.50);
     return s;

@@ -23,10 +23,12 @@ struct Summary {
 // vector is partially reordered. 0 for no samples.
 double percentileNs(std::vector<double> &latenciesNs, double fraction);
 
-// p50 and p99 of the latencies, `calls` in all, and the median of the calls a second that
-// each round of the run reached (0 without rounds).
-Summary summarize(std::vector<double> latenciesNs, std::vector<double> roundRates,
-                  std::uint64_t calls);
+// A run measured in rounds: p50 is the median of the rounds' p50s and the rate the median of
+// their calls a second, so that rounds another process slowed down, fewer than half of
+// them, cannot move either; p99 is taken over all the latencies. Without rounds, p50 is
+// taken over all the latencies and the rate is 0.
+Summary summarize(std::vector<double> latenciesNs, std::vector<double> roundP50sNs,
+                  std::vector<double> roundRates, std::uint64_t calls);
 
 // The system calls strace -c counted, by name, with the total; read from the summary that
 // "strace -c -U name,calls" writes. Nothing when the text holds no total line.

@@ -37,12 +37,17 @@ TEST(BenchStats, PercentileIsTheNearestRank) {
     }
 }
 
-TEST(BenchStats, SummaryIsInMicrosecondsWithTheMedianRoundRate) {
-    const Summary s = summarize(oneTo(100), {900, 2000, 100, 2100, 1000}, 1000);
-    EXPECT_DOUBLE_EQ(s.p50Us, 0.050);
+TEST(BenchStats, SummaryTakesTheMedianRoundAndIsInMicroseconds) {
+    // Two of five rounds slowed down: neither the p50 nor the rate follows them.
+    const Summary s = summarize(oneTo(100), {7000, 90000, 6000, 8000, 95000},
+                                {900, 2000, 100, 2100, 1000}, 1000);
+    EXPECT_DOUBLE_EQ(s.p50Us, 8.0);
     EXPECT_DOUBLE_EQ(s.p99Us, 0.099);
     EXPECT_DOUBLE_EQ(s.callsPerSecond, 1000);
-    EXPECT_EQ(summarize({}, {}, 0).callsPerSecond, 0);
+    EXPECT_EQ(s.calls, 1000u);
+    const Summary noRounds = summarize(oneTo(100), {}, {}, 100);
+    EXPECT_DOUBLE_EQ(noRounds.p50Us, 0.050);
+    EXPECT_EQ(noRounds.callsPerSecond, 0);
 }
 
 constexpr char kSummary[] = R"(syscall              calls
