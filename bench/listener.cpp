@@ -43,7 +43,8 @@ int readPort(int out) {
             return 0;
         }
         char buffer[256];
-        const ssize_t n = (p.revents & (POLLIN | POLLHUP)) != 0 ? read(out, buffer, sizeof buffer) : -1;
+        const ssize_t n =
+            (p.revents & (POLLIN | POLLHUP)) != 0 ? read(out, buffer, sizeof buffer) : -1;
         if (n == 0) {
             return 0;
         }

@@ -27,7 +27,7 @@ struct Config {
     int rounds = 20;             // the measurements of an item alternate this many times
     int commitsPerRound = 1000;  // per thread count, shared among its threads
     int recoversPerRound = 100;
-    int traceBatches = 250;      // per round, of traceCallsPerBatch calls
+    int traceBatches = 250;  // per round, of traceCallsPerBatch calls
     int traceCallsPerBatch = 1000;
     int syscallOps = 2000;
     bool smoke = false;
@@ -86,7 +86,9 @@ void measureThreads(const Config &c, int port, int threads, Report &report) {
     RawSocket polledSocket(port);
     const auto request = commitRequest(commitXid());
     std::vector<XID> xids(static_cast<std::size_t>(threads), commitXid());
-    auto raw = [&](int t) { return rawRoundTrip(sockets[static_cast<std::size_t>(t)].fd(), request); };
+    auto raw = [&](int t) {
+        return rawRoundTrip(sockets[static_cast<std::size_t>(t)].fd(), request);
+    };
     auto polled = [&](int) { return polledRoundTrip(polledSocket.fd(), request); };
     auto lib = [&](int t) { return libraryCommit(xids[static_cast<std::size_t>(t)]); };
     timeCalls(threads, kWarmUp, raw);
@@ -168,7 +170,8 @@ void measureRecover(const Config &c, int n, Report &report) {
         measureSyscalls(c, listener.port(), {"rawrecover", "recover"}, report);
     }
     const std::string count = std::to_string(n);
-    Row recover = rowOf("recover." + count, "xa_recover_entry_jms, " + count + " XID(s)", 0, libRun);
+    Row recover =
+        rowOf("recover." + count, "xa_recover_entry_jms, " + count + " XID(s)", 0, libRun);
     recover.connectsPer10k = per10k(connects, libRun.calls());
     addPair(report,
             rowOf("rawrecover." + count, "raw recover transfer, " + count + " XID(s)", 0, rawRun),
@@ -177,9 +180,10 @@ void measureRecover(const Config &c, int n, Report &report) {
 
 void measureTrace(const Config &c, Report &report) {
     Run emptyRun, traceRun;
-    alternate(c.rounds,
-              {[&] { emptyRun.add(timeBatches(c.traceBatches, c.traceCallsPerBatch, emptyCall)); },
-               [&] { traceRun.add(timeBatches(c.traceBatches, c.traceCallsPerBatch, traceOffCall)); }});
+    alternate(
+        c.rounds,
+        {[&] { emptyRun.add(timeBatches(c.traceBatches, c.traceCallsPerBatch, emptyCall)); },
+         [&] { traceRun.add(timeBatches(c.traceBatches, c.traceCallsPerBatch, traceOffCall)); }});
     addPair(report, rowOf("empty", "empty call of the same shape", 0, emptyRun),
             rowOf("trace", "traceJMSData, tracing off", 0, traceRun));
 }

@@ -26,7 +26,9 @@ struct Run {
     // The p50 of each run added up here, in nanoseconds, for the same reason.
     std::vector<double> roundP50sNs;
 
-    std::uint64_t calls() const { return latenciesNs.size() * static_cast<std::uint64_t>(callsPerSample); }
+    std::uint64_t calls() const {
+        return latenciesNs.size() * static_cast<std::uint64_t>(callsPerSample);
+    }
 
     // Adds another run of the same item: its samples, its wall time and its failures.
     void add(const Run &other) {

@@ -44,9 +44,10 @@ double callsOf(const std::map<std::string, double> &m, const char *name) {
 }
 
 void printSyscalls(const SyscallReport &s) {
-    std::printf("\nsystem calls per operation (strace -c, difference of two runs, %d operations;"
-                " recover with %d XIDs):\n",
-                s.operations, kSyscallRecoverXids);
+    std::printf(
+        "\nsystem calls per operation (strace -c, difference of two runs, %d operations;"
+        " recover with %d XIDs):\n",
+        s.operations, kSyscallRecoverXids);
     for (const char *mode : {"raw", "commit", "rawrecover", "recover"}) {
         const auto side = s.byMode.find(mode);
         if (side == s.byMode.end()) {
@@ -71,8 +72,8 @@ void jsonRow(std::ofstream &out, const Report &report, const Row &row, bool last
         << ", \"failures\": " << row.failures << ", \"p50_us\": " << s.p50Us
         << ", \"p99_us\": " << s.p99Us << ", \"calls_per_second\": " << s.callsPerSecond;
     if (limit != nullptr) {
-        out << ", \"limit\": \"" << limit->key << "\", \"p50_ratio\": "
-            << ratio(s.p50Us, limit->summary.p50Us)
+        out << ", \"limit\": \"" << limit->key
+            << "\", \"p50_ratio\": " << ratio(s.p50Us, limit->summary.p50Us)
             << ", \"p99_ratio\": " << ratio(s.p99Us, limit->summary.p99Us)
             << ", \"rate_ratio\": " << ratio(s.callsPerSecond, limit->summary.callsPerSecond);
     }
@@ -113,8 +114,8 @@ std::vector<Goal> goals(const Report &r) {
                        ratio(commit1->summary.p50Us, raw1->summary.p50Us), 1.10, true});
     }
     if (commit1 != nullptr && commit1->connectsPer10k) {
-        out.push_back({"connects per 10,000 steady-state commits", *commit1->connectsPer10k, 0,
-                       true});
+        out.push_back(
+            {"connects per 10,000 steady-state commits", *commit1->connectsPer10k, 0, true});
     }
     const Row *commit4 = findRow(r, "commit.4");
     const Row *raw4 = findRow(r, "raw.4");
@@ -156,10 +157,11 @@ void printReport(const Report &r) {
     if (r.syscalls) {
         printSyscalls(*r.syscalls);
     }
-    std::printf("\nnoise: p50 of the raw round trip by round %s .. %s us over %d rounds; "
-                "load average %.2f before, %.2f after\n",
-                micros(r.roundP50MinUs).c_str(), micros(r.roundP50MaxUs).c_str(), r.rounds,
-                r.machine.loadBefore, r.machine.loadAfter);
+    std::printf(
+        "\nnoise: p50 of the raw round trip by round %s .. %s us over %d rounds; "
+        "load average %.2f before, %.2f after\n",
+        micros(r.roundP50MinUs).c_str(), micros(r.roundP50MaxUs).c_str(), r.rounds,
+        r.machine.loadBefore, r.machine.loadAfter);
     std::printf("\ngoals%s:\n", r.smoke ? " (smoke run: too few calls to judge)" : "");
     for (const Goal &g : goals(r)) {
         std::printf("  %-50s %8.3f  %s %.2f  %s\n", g.text.c_str(), g.measured,
@@ -173,8 +175,9 @@ bool writeJson(const Report &r, const std::string &path) {
         << r.machine.cpu << "\", \"cores\": " << r.machine.cores << ", \"kernel\": \""
         << r.machine.kernel << "\", \"load_before\": " << r.machine.loadBefore
         << ", \"load_after\": " << r.machine.loadAfter << "},\n";
-    out << "  \"noise\": {\"rounds\": " << r.rounds << ", \"raw_round_p50_min_us\": "
-        << r.roundP50MinUs << ", \"raw_round_p50_max_us\": " << r.roundP50MaxUs << "},\n";
+    out << "  \"noise\": {\"rounds\": " << r.rounds
+        << ", \"raw_round_p50_min_us\": " << r.roundP50MinUs
+        << ", \"raw_round_p50_max_us\": " << r.roundP50MaxUs << "},\n";
     out << "  \"rows\": [\n";
     for (std::size_t i = 0; i < r.rows.size(); ++i) {
         jsonRow(out, r, r.rows[i], i + 1 == r.rows.size());
@@ -193,7 +196,8 @@ bool writeJson(const Report &r, const std::string &path) {
     const auto g = goals(r);
     for (std::size_t i = 0; i < g.size(); ++i) {
         out << "    {\"goal\": \"" << g[i].text << "\", \"measured\": " << g[i].measured
-            << ", \"bound\": " << g[i].bound << ", \"at_most\": " << (g[i].atMost ? "true" : "false")
+            << ", \"bound\": " << g[i].bound
+            << ", \"at_most\": " << (g[i].atMost ? "true" : "false")
             << ", \"met\": " << (g[i].met() ? "true" : "false") << "}"
             << (i + 1 == g.size() ? "\n" : ",\n");
     }

@@ -24,8 +24,9 @@ Summary summarize(std::vector<double> latenciesNs, std::vector<double> roundP50s
                   std::vector<double> roundRates, std::uint64_t calls) {
     Summary s;
     s.calls = calls;
-    s.p50Us = (roundP50sNs.empty() ? percentileNs(latenciesNs, 0.50)
-                                   : percentileNs(roundP50sNs, 0.50)) / 1000.0;
+    s.p50Us =
+        (roundP50sNs.empty() ? percentileNs(latenciesNs, 0.50) : percentileNs(roundP50sNs, 0.50)) /
+        1000.0;
     s.p99Us = percentileNs(latenciesNs, 0.99) / 1000.0;
     s.callsPerSecond = percentileNs(roundRates, 0.50);
     return s;

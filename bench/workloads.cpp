@@ -155,8 +155,8 @@ bool libraryRecover(std::vector<XID> &xids, int n) {
            std::memcmp(last.data, expected.data, kGtridLength + kBqualLength) == 0;
 }
 
-bool rawRecover(int fd, const std::vector<unsigned char> &request, std::vector<unsigned char> &reply,
-                std::size_t expected) {
+bool rawRecover(int fd, const std::vector<unsigned char> &request,
+                std::vector<unsigned char> &reply, std::size_t expected) {
     return sendAll(fd, request.data(), request.size()) &&
            receiveAll(fd, reply.data(), std::min(expected, reply.size()));
 }

@@ -47,8 +47,8 @@ bool libraryRecover(std::vector<XID> &xids, int n);
 
 // The recover request and its whole reply over a connected socket. True when `expected`
 // bytes arrived.
-bool rawRecover(int fd, const std::vector<unsigned char> &request, std::vector<unsigned char> &reply,
-                std::size_t expected);
+bool rawRecover(int fd, const std::vector<unsigned char> &request,
+                std::vector<unsigned char> &reply, std::size_t expected);
 
 // A trace call with tracing off, and an empty out-of-line call of the same shape.
 void traceOffCall();

@@ -26,9 +26,8 @@ TEST(BenchStats, PercentileIsTheNearestRank) {
         double expected;
     };
     const Case cases[] = {
-        {{}, 0.5, 0},         {{7}, 0.99, 7},       {{4, 1, 3, 2}, 0.5, 2},
-        {{5, 1}, 1.0, 5},     {oneTo(100), 0.5, 50}, {oneTo(100), 0.99, 99},
-        {oneTo(1000), 0.99, 990}, {oneTo(3), 0.0, 1},
+        {{}, 0.5, 0},          {{7}, 0.99, 7},         {{4, 1, 3, 2}, 0.5, 2},   {{5, 1}, 1.0, 5},
+        {oneTo(100), 0.5, 50}, {oneTo(100), 0.99, 99}, {oneTo(1000), 0.99, 990}, {oneTo(3), 0.0, 1},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(testing::Message() << c.samples.size() << " samples, fraction " << c.fraction);
@@ -39,8 +38,8 @@ TEST(BenchStats, PercentileIsTheNearestRank) {
 
 TEST(BenchStats, SummaryTakesTheMedianRoundAndIsInMicroseconds) {
     // Two of five rounds slowed down: neither the p50 nor the rate follows them.
-    const Summary s = summarize(oneTo(100), {7000, 90000, 6000, 8000, 95000},
-                                {900, 2000, 100, 2100, 1000}, 1000);
+    const Summary s =
+        summarize(oneTo(100), {7000, 90000, 6000, 8000, 95000}, {900, 2000, 100, 2100, 1000}, 1000);
     EXPECT_DOUBLE_EQ(s.p50Us, 8.0);
     EXPECT_DOUBLE_EQ(s.p99Us, 0.099);
     EXPECT_DOUBLE_EQ(s.callsPerSecond, 1000);
@@ -93,8 +92,8 @@ Row row(const char *key, double p50Us, double callsPerSecond) {
 
 TEST(BenchStats, GoalsCompareEachItemWithItsLimit) {
     Report report;
-    report.rows = {row("raw.1", 10, 0),         row("commit.1", 10.5, 0),
-                   row("raw.4", 0, 40000),      row("commit.4", 0, 35000),
+    report.rows = {row("raw.1", 10, 0),           row("commit.1", 10.5, 0),
+                   row("raw.4", 0, 40000),        row("commit.4", 0, 35000),
                    row("rawrecover.1000", 20, 0), row("recover.1000", 31, 0)};
     report.rows[1].connectsPer10k = 0.0;
     const auto g = goals(report);
