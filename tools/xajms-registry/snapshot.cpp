@@ -14,10 +14,12 @@
 #include <memory>
 #include <system_error>
 
-#include "descriptor.h"
+#include "common/descriptor.h"
 #include "registry/registry.h"
 
 namespace xajms::registry_tool {
+
+using tools::Descriptor;
 
 namespace {
 

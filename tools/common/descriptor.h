@@ -1,11 +1,11 @@
-// A file descriptor that closes itself: the registry file while it is read.
+// A file descriptor that closes itself: sockets, signal descriptors and files of the tools.
 #pragma once
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace xajms::registry_tool {
+namespace xajms::tools {
 
 class Descriptor {
   public:
@@ -35,4 +35,4 @@ class Descriptor {
     int fd_ = -1;
 };
 
-}  // namespace xajms::registry_tool
+}  // namespace xajms::tools
