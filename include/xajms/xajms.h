@@ -2,7 +2,8 @@
  * Everything libxajms exports: the start function and switch record that a transaction
  * manager uses, the broker-side start-up hooks, the trace facility, the registry, pool and
  * listener operations that other modules call, and the process-wide data they look up.
- * Usable from C and C++.
+ * Usable from C and C++. The pool lock is a POSIX read-write lock: a C host compiled with a
+ * strict standard (-std=c11) defines _POSIX_C_SOURCE 200809L or _GNU_SOURCE for it.
  */
 #ifndef XAJMS_XAJMS_H
 #define XAJMS_XAJMS_H

@@ -1,6 +1,6 @@
-// The library as a coordinator drives it: loaded with dlopen, started with OrloStart, and
-// called only through the switch record, against xajms-listener processes registered in the
-// test's private /var/orlom and the test companion library.
+// The library as a coordinator drives it, against xajms-listener processes registered in the
+// test's private /var/orlom and the test companion library: loaded with dlopen and called
+// through the switch record in this process, or loaded and called by xajms-drive.
 #include <xajms/xajms.h>
 
 #include <gtest/gtest.h>
@@ -10,11 +10,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <optional>
-#include <cctype>
-#include <sstream>
-#include <string>
-#include <vector>
+#include <regex>
 
 #include "support/fakes.h"
 #include "support/listener_process.h"
@@ -28,61 +24,26 @@ namespace {
 using xajms::test::ListenerProcess;
 using Args = std::vector<std::string>;
 
-// The switch as a coordinator finds it: the library loaded by path, its start function.
-xa_switch_t *loadSwitch() {
-    void *library = dlopen(XAJMS_LIBRARY_PATH, RTLD_NOW);
-    if (library == nullptr) {
-        return nullptr;
-    }
-    auto start = reinterpret_cast<xa_switch_t *(*)()>(dlsym(library, "OrloStart"));
-    return start != nullptr ? start() : nullptr;
-}
-
-XID makeXid() {
-    XID xid{};
-    xid.formatID = 4711;
-    xid.gtrid_length = 7;
-    xid.bqual_length = 7;
-    std::memcpy(xid.data, "gtrid01bqual01", 14);
-    return xid;
-}
-
-// A listener that never answers costs a fraction of a second: every wait of the library is
-// cut to 300 ms of real time and then reported as expired.
-void shortenWaits() {
-    xajms::test::setPoll([](pollfd *fds, nfds_t count, int timeout) {
-        return xajms::test::realPoll(fds, count, std::min(timeout, 300));
-    });
-}
-
-// The type of the log line "#n TYPE rmid=...", or "(none)".
-std::string typeOf(const std::optional<std::string> &line) {
-    if (!line) {
-        return "(none)";
-    }
-    std::istringstream words(*line);
-    std::string number;
-    std::string type;
-    words >> number >> type;
-    return type;
-}
-
 class Coordinator : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (xajms::test::listenerPath().empty()) {
-            GTEST_SKIP() << "xajms-listener is not part of this build";
+        if (xajms::test::listenerPath().empty() || xajms::test::drivePath().empty()) {
+            GTEST_SKIP() << "xajms-listener or xajms-drive is not part of this build";
         }
-        const std::string why = xajms::test::enterPrivateOrlom();
-        if (!why.empty()) {
+        if (const std::string why = xajms::test::enterPrivateOrlom(); !why.empty()) {
             GTEST_SKIP() << why;
         }
-        // Emptied pool slots close descriptor 0; keep it away from the listeners' pipes.
-        xajms::test::occupyDescriptorZero();
-        sw = loadSwitch();
-        ASSERT_NE(sw, nullptr);
+        loadSwitch();
+    }
+    // The switch as a coordinator finds it: the library loaded by path, its start function.
+    void loadSwitch() {
+        void *start = dlsym(dlopen(XAJMS_LIBRARY_PATH, RTLD_NOW), "OrloStart");
+        ASSERT_NE(start, nullptr);
+        sw = reinterpret_cast<xa_switch_t *(*)()>(start)();
     }
     ListenerProcess &listen(const Args &args) {
+        // Emptied pool slots close descriptor 0; keep it away from the listeners' pipes.
+        xajms::test::occupyDescriptorZero();
         listeners.push_back(std::make_unique<ListenerProcess>(args));
         EXPECT_TRUE(listeners.back()->started());
         return *listeners.back();
@@ -90,64 +51,62 @@ class Coordinator : public ::testing::Test {
 
     xa_switch_t *sw = nullptr;
     std::vector<std::unique_ptr<ListenerProcess>> listeners;
-    XID xid = makeXid();
+    XID xid = {4711, 7, 7, "gtrid01bqual01"};
     char openString[16] = "qm=QM1";
 };
 
-TEST_F(Coordinator, TwoPhaseCommitReachesTheBrokerAndThePendingListener) {
-    ListenerProcess &broker = listen({"--mode", "broker"});
-    ListenerProcess &pending = listen({"--mode", "pending"});
-
-    EXPECT_EQ(sw->xa_open_entry(openString, 1, TMNOFLAGS), XA_OK);
-    EXPECT_EQ(sw->xa_prepare_entry(&xid, 1, TMNOFLAGS), XA_OK);
-    EXPECT_EQ(sw->xa_commit_entry(&xid, 1, TMNOFLAGS), XA_OK);
-    EXPECT_EQ(sw->xa_close_entry(openString, 1, TMNOFLAGS), XA_OK);
-
-    for (ListenerProcess *listener : {&broker, &pending}) {
-        EXPECT_EQ(listener->nextLine(),
-                  "#1 prepare rmid=1 flags=0x0000000000000000 xid=0x1267:67747269643031:"
-                  "627175616c3031 -> 0");
-        EXPECT_EQ(typeOf(listener->nextLine()), "commit");
-    }
-}
-
-TEST_F(Coordinator, ListenerAnswersReachTheCoordinatorMapped) {
+TEST_F(Coordinator, ListenerAnswersReachTheCoordinatorCombinedAndMapped) {
+    const auto prepare = &xa_switch_t::xa_prepare_entry;
+    const auto commit = &xa_switch_t::xa_commit_entry;
+    const auto forget = &xa_switch_t::xa_forget_entry;
     struct Case {
         const char *what;
-        Args listener;
-        int (*xa_switch_t::*entry)(XID *, int, long);
+        std::vector<Args> listeners;  // asked in this order
+        decltype(prepare) entry;
         int expected;
-    } cases[] = {
-        {"rollback after prepare", {"--rollback", "0"}, &xa_switch_t::xa_rollback_entry, XA_OK},
-        {"commit of a finished transaction",
-         {"--commit", "-4"},
-         &xa_switch_t::xa_commit_entry,
-         XA_OK},
-        {"commit failing in the listener",
-         {"--commit", "-3"},
-         &xa_switch_t::xa_commit_entry,
-         XAER_RMFAIL},
-        {"read-only prepare", {"--prepare", "3"}, &xa_switch_t::xa_prepare_entry, XA_RDONLY},
-        {"forget refused", {"--forget", "-6"}, &xa_switch_t::xa_forget_entry, XAER_RMFAIL},
     };
+    // clang-format off
+    const Case cases[] = {
+        {"rollback after prepare", {{"--rollback", "0"}}, &xa_switch_t::xa_rollback_entry, XA_OK},
+        {"commit of a finished transaction", {{"--commit", "-4"}}, commit, XA_OK},
+        {"commit failing in the listener", {{"--commit", "-3"}}, commit, XAER_RMFAIL},
+        {"read-only prepare", {{"--prepare", "3"}}, prepare, XA_RDONLY},
+        {"forget refused", {{"--forget", "-6"}}, forget, XAER_RMFAIL},
+        {"a later 0 replaces a failure", {{"--prepare", "-6"}, {}}, prepare, XA_OK},
+        {"a late answer", {{"--late", "commit:0.2", "--commit", "5"}}, commit, 5},
+        {"no answer: the connection closed", {{"--drop", "commit"}}, commit, XAER_RMFAIL},
+        {"half an answer, then closed", {{"--half", "forget"}}, forget, XAER_RMFAIL},
+        {"a request number wins over the type",
+         {{"--drop", "prepare", "--late", "1:0", "--prepare", "3"}}, prepare, XA_RDONLY},
+        {"a later failure only lowers the result; pending listeners are asked as well",
+         {{"--commit", "-6"}, {"--mode", "pending", "--commit", "-4"}}, commit, XAER_RMFAIL},
+    };
+    // clang-format on
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         listeners.clear();
-        ListenerProcess &listener = listen(c.listener);
+        for (const Args &args : c.listeners) {
+            listen(args);
+        }
         EXPECT_EQ((sw->*c.entry)(&xid, 1, TMNOFLAGS), c.expected);
-        EXPECT_TRUE(listener.nextLine().has_value());
+        for (const auto &listener : listeners) {
+            EXPECT_TRUE(listener->nextLine().has_value());  // every listener was asked
+        }
         EXPECT_EQ(sw->xa_close_entry(openString, 1, TMNOFLAGS), XA_OK);  // empties the pool
     }
 }
 
 TEST_F(Coordinator, ListenerThatNeverAnswersFailsTheCommitAndItsSocketIsReplaced) {
     ListenerProcess &listener = listen({"--never", "1"});
-    shortenWaits();
+    // Every wait of the library is cut to 300 ms of real time and then reported as expired.
+    xajms::test::setPoll([](pollfd *fds, nfds_t count, int timeout) {
+        return xajms::test::realPoll(fds, count, std::min(timeout, 300));
+    });
     EXPECT_EQ(sw->xa_commit_entry(&xid, 1, TMNOFLAGS), XAER_RMFAIL);
     EXPECT_EQ(sw->xa_commit_entry(&xid, 1, TMNOFLAGS), XA_OK);  // a new connection answers
     xajms::test::clearScripts();
-    EXPECT_EQ(typeOf(listener.nextLine()), "commit");
-    EXPECT_EQ(typeOf(listener.nextLine()), "commit");
+    EXPECT_TRUE(listener.nextLine().value_or("").starts_with("#1 commit "));
+    EXPECT_TRUE(listener.nextLine().value_or("").starts_with("#2 commit "));
     const PortRow &row = processConnectionPool_jms.row[0];
     EXPECT_EQ(row.port, listener.port());
     EXPECT_EQ(row.rows, 1);
@@ -156,20 +115,25 @@ TEST_F(Coordinator, ListenerThatNeverAnswersFailsTheCommitAndItsSocketIsReplaced
 
 TEST_F(Coordinator, RecoverReportsNothingAndAsksOnlyLiveBrokers) {
     XID found[8] = {};
-    ListenerProcess &recovery = listen({"--mode", "recovery", "--xid", "1:61:62"});
+    ListenerProcess &recovery = listen({"--mode", "recovery", "--xid", "7:61:62"});
     EXPECT_EQ(sw->xa_recover_entry(found, 8, 1, TMSTARTRSCAN | TMENDRSCAN), 0);
-    recovery.stop();
-    EXPECT_EQ(recovery.nextLine(100), std::nullopt);  // nobody was asked
+    // The start-up recovery and its close reach the recovery listener, which ends; the
+    // recover entry before did not ask it.
+    EXPECT_EQ(sendStartUpXARecover_jms(found, 8, 1, 0), 1);
+    EXPECT_EQ(found[0].formatID, 7);
+    EXPECT_TRUE(recovery.nextLine().value_or("").starts_with("#1 recover "));
+    EXPECT_TRUE(recovery.nextLine().value_or("").starts_with("#2 close "));
+    EXPECT_EQ(recovery.waitForExit(), 0);
+    EXPECT_EQ(recovery.nextLine(0), std::nullopt);
 
-    ListenerProcess &broker = listen({"--mode", "broker", "--xid", "1:61:62"});
+    // Each broker's records go to the start of the caller's array, over the earlier ones.
+    ListenerProcess &first = listen({"--mode", "broker", "--xid", "1:61:62"});
+    ListenerProcess &second = listen({"--mode", "broker", "--xid", "3:61:62", "--xid", "4:61:62"});
     EXPECT_EQ(sw->xa_recover_entry(found, 8, 1, TMSTARTRSCAN | TMENDRSCAN), 0);
-    EXPECT_EQ(typeOf(broker.nextLine()), "recover");
-}
-
-TEST_F(Coordinator, CompleteIsRefused) {
-    int handle = 0;
-    int result = 0;
-    EXPECT_EQ(sw->xa_complete_entry(&handle, &result, 1, TMNOFLAGS), XAER_RMFAIL);
+    EXPECT_EQ(found[0].formatID, 3);
+    EXPECT_EQ(found[1].formatID, 4);
+    EXPECT_TRUE(first.nextLine().value_or("").starts_with("#1 recover "));
+    EXPECT_TRUE(second.nextLine().value_or("").starts_with("#1 recover "));
 }
 
 TEST_F(Coordinator, BrokerProcessReachesJavaForOpenStartAndEnd) {
@@ -197,61 +161,38 @@ TEST_F(Coordinator, BrokerProcessReachesJavaForOpenStartAndEnd) {
     }
 }
 
-// Replaces each number (decimal, or hex digits) that follows `after` by `name`: only the
-// number `only` when one is given, and only numbers of at least `shortest` digits.
-void replaceNumber(std::string &line, const std::string &after, const std::string &name,
-                   bool hex = false, const std::string &only = "", size_t shortest = 1) {
-    const auto isDigit = [hex](char c) {
-        return std::isdigit(static_cast<unsigned char>(c)) != 0 ||
-               (hex && std::isxdigit(static_cast<unsigned char>(c)) != 0);
-    };
-    for (size_t at = line.find(after); at != std::string::npos; at = line.find(after, at)) {
-        const size_t begin = at + after.size();
-        size_t end = begin;
-        while (end < line.size() && isDigit(line[end])) {
-            ++end;
-        }
-        if (end - begin >= shortest && (only.empty() || line.substr(begin, end - begin) == only)) {
-            line.replace(begin, end - begin, name);
-            end = begin + name.size();
-        }
-        at = std::max(end, at + 1);
-    }
-}
-
-// Replaces what differs from run to run (the listener's port and pid, socket descriptors,
-// the address of the mapping) with fixed names.
-std::vector<std::string> normalised(std::vector<std::string> lines, const ListenerProcess &l) {
-    for (std::string &line : lines) {
-        for (const char *before : {"port ", "port=", "port = ", "port  = "}) {
-            replaceNumber(line, before, "PORT", false, std::to_string(l.port()));
-        }
-        replaceNumber(line, "pid = ", "LPID", false, std::to_string(l.pid()));
-        for (const char *before : {"sockfd ", "sockfd=", "sockfd = ", "sokfd=", "Sockfd=",
-                                   "closing socket "}) {
-            replaceNumber(line, before, "FD");
-        }
-        for (const char *before : {"shared_stuff = ", "attached at ", "process at "}) {
-            replaceNumber(line, before, "ADDRESS", true, "", 5);
-        }
-    }
-    return lines;
-}
-
-TEST_F(Coordinator, QueueManagerRunTracesBothHalvesAsTheGoldenFile) {
+TEST_F(Coordinator, TwoPhaseCommitReachesTheBrokerAndTracesBothHalvesAsTheGoldenFile) {
     xajms::test::TempDir dir;
     const std::string prefix = dir.path() + "/qm";
     setenv("XAJMS_TRACEFILE", prefix.c_str(), 1);
     ListenerProcess &listener = listen({"--mode", "broker", "--name", "EG1"});
     xajms::test::freezeTraceColumns();
 
-    sw = loadSwitch();
+    loadSwitch();
     sw->xa_open_entry(openString, 1, TMNOFLAGS);
     sw->xa_prepare_entry(&xid, 1, TMNOFLAGS);
     sw->xa_commit_entry(&xid, 1, TMNOFLAGS);
     sw->xa_close_entry(openString, 1, TMNOFLAGS);
+    EXPECT_EQ(listener.nextLine(),
+              "#1 prepare rmid=1 flags=0x0000000000000000 xid=0x1267:67747269643031:"
+              "627175616c3031 -> 0");
+    EXPECT_TRUE(listener.nextLine().value_or("").starts_with("#2 commit "));
 
-    const auto actual = normalised(xajms::test::traceLines(prefix), listener);
+    // What differs from run to run gets a fixed name: the listener's port and pid, socket
+    // descriptors, and the address of the mapping.
+    const std::pair<std::regex, std::string> names[] = {
+        {std::regex("(port(?: |=| = |  = ))" + std::to_string(listener.port()) + "(?!\\d)"),
+         "$1PORT"},
+        {std::regex("(pid = )" + std::to_string(listener.pid()) + "(?!\\d)"), "$1LPID"},
+        {std::regex("((?:sockfd(?: | = |=)|sokfd=|Sockfd=|closing socket ))\\d+"), "$1FD"},
+        {std::regex("(shared_stuff = |attached at |process at )[0-9a-fA-F]{5,}"), "$1ADDRESS"},
+    };
+    std::vector<std::string> actual = xajms::test::traceLines(prefix);
+    for (std::string &line : actual) {
+        for (const auto &[pattern, name] : names) {
+            line = std::regex_replace(line, pattern, name);
+        }
+    }
     const std::string golden = std::string(XAJMS_TEST_DATA) + "/golden/queue_manager_run.txt";
     if (std::getenv("XAJMS_UPDATE_GOLDEN") != nullptr) {
         std::ofstream out(golden);
@@ -260,6 +201,54 @@ TEST_F(Coordinator, QueueManagerRunTracesBothHalvesAsTheGoldenFile) {
         }
     }
     EXPECT_EQ(actual, xajms::test::fileLines(golden));
+}
+
+// xajms-drive prints one line per call, its duration replaced by T here, and exits with 1 when
+// a call returned another code than expected; its command line reaches the library as given.
+TEST_F(Coordinator, DrivePrintsOneLinePerCallAndExitsOneOnAnUnexpectedCode) {
+    ListenerProcess &listener =
+        listen({"--mode", "broker", "--prepare", "3", "--commit", "-7", "--rollback", "42"});
+    std::ifstream golden(std::string(XAJMS_TEST_DATA) + "/golden/drive_calls.txt");
+    // clang-format off
+    const Args calls = {"--rmid", "3", "--xid", "-1:gtrid01:bq:ual", "--count", "5",
+        "--expect", "prepare=XA_RDONLY", "--expect", "commit=-7", "--expect", "start=XAER_RMERR",
+        "--expect", "complete=XAER_RMFAIL", "open=a b'c", "start=TMJOIN", "end", "prepare",
+        "commit=tmonephase+TMNOWAIT", "recover=0x1000000", "forget", "complete", "close"};
+    // clang-format on
+    const std::string gb = "xid=1:g:b flags=TMNOFLAGS -> ";
+    const std::pair<Args, std::string> cases[] = {
+        {calls, std::string(std::istreambuf_iterator<char>(golden), {})},
+        {{"commit"}, "commit rmid=1 " + gb + "XAER_RMFAIL T (expected XA_OK)\n"},
+        {{"--expect", "commit=-7", "commit"}, "commit rmid=1 " + gb + "XAER_RMFAIL T\n"},
+        {{"--expect", "forget=XAER_NOTA", "forget"},
+         "forget rmid=1 " + gb + "XA_OK T (expected XAER_NOTA)\n"},
+        {{"--expect", "start=-7", "--expect", "start=xaer_rmerr", "start"},
+         "start rmid=1 " + gb + "XAER_RMERR T\n"},
+        {{"--expect", "rollback=42", "rollback"}, "rollback rmid=1 " + gb + "42 T\n"},
+        {{"--expect", "recover=1", "recover"},
+         "recover rmid=1 flags=TMSTARTRSCAN|TMENDRSCAN count=64 -> 0 xids T (expected 1)\n"},
+        {{"open", "start", "open"},
+         "open rmid=1 flags=TMNOFLAGS string='' -> XA_OK T\nstart rmid=1 " + gb +
+             "XAER_RMERR T (expected XA_OK)\nopen rmid=1 flags=TMNOFLAGS string='' -> XA_OK T\n"},
+        {{"--repeat", "2", "commit"},
+         "thread=1 round=1 commit rmid=1 " + gb + "XAER_RMFAIL T (expected XA_OK)\n" +
+             "thread=1 round=2 commit rmid=1 " + gb + "XAER_RMFAIL T (expected XA_OK)\n" +
+             "total calls=2 unexpected=2 T\n"},
+    };
+    for (const auto &[args, out] : cases) {
+        SCOPED_TRACE(::testing::PrintToString(args));
+        Args all{"--xid", "1:g:b"};
+        all.insert(all.end(), args.begin(), args.end());
+        const xajms::test::ToolRun run = xajms::test::runTool(xajms::test::drivePath(), all);
+        EXPECT_EQ(run.status, out.find("(expected") == std::string::npos ? 0 : 1) << run.err;
+        EXPECT_EQ(std::regex_replace(run.out, std::regex(" [0-9.]+ ms| seconds=[0-9.]+"), " T"),
+                  "OrloStart -> switch 'KEL_VARNELINK' flags=TMNOMIGRATE version=0 T\n" + out);
+    }
+    const std::string first = " xid=-0x1:67747269643031:62713a75616c -> ";
+    EXPECT_EQ(listener.nextLine(), "#1 prepare rmid=3 flags=0x0000000000000000" + first + "3");
+    EXPECT_EQ(listener.nextLine(), "#2 commit rmid=3 flags=0x0000000050000000" + first + "-7");
+    EXPECT_EQ(listener.nextLine(), "#3 recover rmid=3 flags=0x0000000001000000 -> xids=0");
+    EXPECT_EQ(listener.nextLine(), "#4 forget rmid=3 flags=0x0000000000000000" + first + "0");
 }
 
 }  // namespace

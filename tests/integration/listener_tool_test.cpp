@@ -1,416 +1,229 @@
-// xajms-listener on its own: its command line, its answers and misbehaviour driven over a raw
-// socket, the bytes of its recover reply, and its row in a registry file under a temporary
-// directory, filled at start-up and emptied on every way out.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
+// The tools on their own: the refused command lines of all three; the row of xajms-listener
+// in a registry file, filled at start-up and emptied on the way out; xajms-registry on
+// crafted files at the fixed path inside a private /var/orlom.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
+#include <algorithm>
 #include <cstring>
 #include <fstream>
-#include <functional>
+#include <map>
 #include <memory>
-#include <string>
-#include <vector>
+#include <optional>
 
+#include "registry/registry.h"
 #include "support/listener_process.h"
+#include "support/orlom.h"
 #include "support/trace_file.h"
 
 namespace {
 
-using xajms::test::ListenerProcess;
-using xajms::test::TempDir;
-using Bytes = std::vector<unsigned char>;
+namespace registry = xajms::registry;
+using xajms::test::runTool;
+using xajms::test::ToolRun;
 using Args = std::vector<std::string>;
 
-constexpr int kPrepare = 0x2002;
-constexpr int kCommit = 0x2003;
-constexpr int kRollback = 0x2004;
-constexpr int kClose = 0x2005;
-constexpr int kRecover = 0x2006;
-constexpr int kForget = 0x2008;
+const std::string kPath = registry::kPath;
 
-#define SKIP_WITHOUT_LISTENER()                                     \
-    if (xajms::test::listenerPath().empty()) {                      \
-        GTEST_SKIP() << "xajms-listener is not part of this build"; \
+// A formatted registry file with the row count and the rows given by index.
+std::string registryFile(int32_t rowCount, const std::map<size_t, registry::Row> &rows) {
+    auto file = std::make_unique<registry::File>();
+    std::memcpy(file->header.signature, registry::kPath, registry::kSignatureLength);
+    file->header.rowCount = rowCount;
+    for (const auto &[index, row] : rows) {
+        file->row[index] = row;
     }
-
-void put(Bytes &b, uint64_t v, int width) {
-    for (int i = width - 1; i >= 0; --i) {
-        b.push_back(static_cast<unsigned char>(v >> (8 * i)));
-    }
+    return std::string(reinterpret_cast<const char *>(file.get()), sizeof *file);
 }
 
-Bytes flatXid(int64_t format, const std::string &gtrid, const std::string &bqual) {
-    Bytes b;
-    put(b, static_cast<uint64_t>(format), 8);
-    put(b, gtrid.size(), 8);
-    put(b, bqual.size(), 8);
-    b.insert(b.end(), gtrid.begin(), gtrid.end());
-    b.insert(b.end(), bqual.begin(), bqual.end());
-    return b;
+std::string fileText(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// A request as the library writes it; msgSize is 20 + the payload unless given.
-Bytes request(int type, int rmid, uint64_t flags, const Bytes &payload = {}, int msgSize = -1) {
-    Bytes b;
-    put(b, static_cast<uint32_t>(msgSize < 0 ? 20 + static_cast<int>(payload.size()) : msgSize), 4);
-    put(b, static_cast<uint32_t>(type), 4);
-    put(b, static_cast<uint32_t>(rmid), 4);
-    put(b, flags, 8);
-    b.insert(b.end(), payload.begin(), payload.end());
-    return b;
-}
-
-Bytes code(int32_t c) {
-    Bytes b;
-    put(b, static_cast<uint32_t>(c), 4);
-    return b;
-}
-
-Bytes text(const std::string &s) {
-    return Bytes(s.begin(), s.end());
-}
-
-// A blocking loopback connection with a 5-second receive limit; read() and write() only.
-class Client {
-  public:
-    explicit Client(int port) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-        const timeval limit{5, 0};
-        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(static_cast<uint16_t>(port));
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connected_ = connect(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
-    }
-    ~Client() { close(fd_); }
-    bool connected() const { return connected_; }
-    void send(const Bytes &b) { ASSERT_EQ(write(fd_, b.data(), b.size()), ssize_t(b.size())); }
-    // Up to n bytes: fewer only when the listener closed the connection (or 5 s passed).
-    Bytes read(size_t n) {
-        Bytes b(n);
-        size_t got = 0;
-        while (got < n) {
-            const ssize_t r = ::read(fd_, b.data() + got, n - got);
-            if (r <= 0) {
-                break;
-            }
-            got += static_cast<size_t>(r);
+TEST(Tools, RefuseBadCommandLinesWithOneLineAndStatusTwo) {
+    const std::string L = "xajms-listener", D = "xajms-drive", R = "xajms-registry";
+    const std::map<std::string, std::string> paths = {{L, xajms::test::listenerPath()},
+                                                      {D, xajms::test::drivePath()},
+                                                      {R, xajms::test::registryToolPath()}};
+    for (const auto &[name, path] : paths) {
+        if (path.empty()) {
+            GTEST_SKIP() << name << " is not part of this build";
         }
-        b.resize(got);
-        return b;
     }
-    // True when the listener has closed the connection (a read returns 0 bytes).
-    bool closedByListener() {
-        unsigned char c;
-        return ::read(fd_, &c, 1) == 0;
-    }
-
-  private:
-    int fd_;
-    bool connected_ = false;
-};
-
-// The registry file, read whole: header and rows in the host's byte order.
-struct Registry {
-    std::string bytes;
-    explicit Registry(const std::string &path) {
-        std::ifstream in(path, std::ios::binary);
-        bytes.assign(std::istreambuf_iterator<char>(in), {});
-    }
-    int32_t at(size_t offset) const {
-        int32_t v = 0;
-        std::memcpy(&v, bytes.data() + offset, 4);
-        return v;
-    }
-    int32_t count() const { return at(36); }
-    int32_t field(int row, size_t offset) const { return at(40 + 152 * size_t(row) + offset); }
-    std::string name(int row) const {
-        return bytes.substr(40 + 152 * size_t(row) + 24, 128).c_str();
-    }
-};
-
-// Writes a formatted registry with the given row modes (ports 1000 + row) and row count.
-void writeRegistry(const std::string &path, const std::vector<int32_t> &modes, int32_t count) {
-    std::string b(76040, '\0');
-    std::memcpy(b.data(), "/var/orlom/XA_SWITCH_MMF", 24);
-    std::memcpy(b.data() + 36, &count, 4);
-    for (size_t r = 0; r < modes.size(); ++r) {
-        const int32_t pid = 1, port = 1000 + int32_t(r);
-        std::memcpy(b.data() + 40 + 152 * r, &pid, 4);
-        std::memcpy(b.data() + 40 + 152 * r + 8, &port, 4);
-        std::memcpy(b.data() + 40 + 152 * r + 12, &modes[r], 4);
-    }
-    std::ofstream(path, std::ios::binary) << b;
-}
-
-TEST(ListenerTool, RefusesBadCommandLinesWithOneLineAndStatusTwo) {
-    SKIP_WITHOUT_LISTENER();
+    const std::string g65(65, 'g');
+    // The tool, then its arguments.
+    // clang-format off
     const Args cases[] = {
-        {"--bogus"},
-        {"stray"},
-        {"--port"},
-        {"--port", "65536"},
-        {"--port", "-1"},
-        {"--mode", "dead"},
-        {"--prepare", "1x"},
-        {"--commit", "4294967296"},
-        {"--late", "commit"},
-        {"--late", "commit:-1"},
-        {"--late", "close:1"},
-        {"--never", "0"},
-        {"--drop", "x"},
-        {"--xid", "1:abc:"},
-        {"--xid", "1:ab"},
-        {"--xid", "0xg:aa:bb"},
-        {"--name", std::string(129, 'n')},
-        {"--no-register=1"},
-        {"--registry", ""},
+        {L, "--bogus"}, {L, "stray"}, {L, "--port"}, {L, "--port", "65536"}, {L, "--mode", "dead"},
+        {L, "--prepare", "1x"}, {L, "--commit", "4294967296"}, {L, "--late", "commit"},
+        {L, "--late", "close:1"}, {L, "--never", "0"}, {L, "--drop", "x"}, {L, "--xid", "1:ab"},
+        {L, "--xid", "0xg:aa:bb"}, {L, "--name", std::string(129, 'n')}, {L, "--no-register=1"},
+        {L, "--registry", ""},
+        {D}, {D, "--bogus", "open"}, {D, "frobnicate"}, {D, "commit"},
+        {D, "--xid", "4711:gtrid", "commit"}, {D, "--xid", "1:" + g65 + ":b", "commit"},
+        {D, "--rmid"}, {D, "--rmid", "1x", "open"}, {D, "--repeat", "0", "open"},
+        {D, "--threads", "257", "open"}, {D, "--count", "-1", "recover"},
+        {D, "--expect", "commit=XA_NOPE", "open"}, {D, "--expect", "commit", "open"},
+        {D, "--broker=yes", "open"}, {D, "--xid", "1:g:b", "end=TMBOGUS"},
+        {D, "--library", "/nonexistent/libnothing.so", "open"}, {D, "--start", "NoSuch", "open"},
+        {R, "--bogus"}, {R, "--file"}, {R, "--clear", "--json"}, {R, "--clear", "--file", "/tmp/x"},
     };
-    for (const Args &args : cases) {
-        SCOPED_TRACE(args.front() + (args.size() > 1 ? " " + args[1] : ""));
-        const auto run = xajms::test::runListener(args);
+    // clang-format on
+    for (const Args &c : cases) {
+        SCOPED_TRACE(::testing::PrintToString(c));
+        const ToolRun run = runTool(paths.at(c[0]), Args(c.begin() + 1, c.end()));
         EXPECT_EQ(run.status, 2);
         EXPECT_EQ(run.out, "");
-        EXPECT_TRUE(run.err.starts_with("xajms-listener: ")) << run.err;
+        EXPECT_TRUE(run.err.starts_with(c[0] + ": ")) << run.err;
         EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
     }
-}
-
-TEST(ListenerTool, HelpExplainsEveryOption) {
-    SKIP_WITHOUT_LISTENER();
-    const auto run = xajms::test::runListener({"--help"});
-    EXPECT_EQ(run.status, 0);
-    for (const char *option :
-         {"--port", "--mode", "--name", "--registry", "--no-register", "--prepare", "--commit",
-          "--rollback", "--forget", "--xid", "--recover-count", "--recover-size", "--late",
-          "--never", "--drop", "--half", "--log", "--quiet", "--help"}) {
-        EXPECT_NE(run.out.find(std::string("  ") + option + " "), std::string::npos) << option;
+    for (const auto &[name, path] : paths) {
+        const ToolRun help = runTool(path, {"--help"});
+        EXPECT_EQ(help.status, 0);
+        EXPECT_TRUE(help.out.starts_with("usage: " + name)) << help.out;
     }
-}
-
-TEST(ListenerTool, AnswersAndLogsEachRequestInTurn) {
-    SKIP_WITHOUT_LISTENER();
-    ListenerProcess listener({"--no-register", "--prepare", "3", "--commit", "-3", "--rollback",
-                              "106", "--forget", "-4", "--late", "forget:0.1"});
-    ASSERT_TRUE(listener.started());
-    const Bytes xid = flatXid(0x1234, "abc", "de");
-    struct Case {
-        Bytes sent;
-        Bytes answer;
-        std::string line;
-    } cases[] = {
-        {request(kPrepare, 1, 0, xid), code(3),
-         "#1 prepare rmid=1 flags=0x0000000000000000 xid=0x1234:616263:6465 -> 3"},
-        {request(kCommit, -2, 0x40000000, flatXid(-1, "", "")), code(-3),
-         "#2 commit rmid=-2 flags=0x0000000040000000 xid=-0x1:: -> -3"},
-        {request(kRollback, 0, 0), code(106),
-         "#3 rollback rmid=0 flags=0x0000000000000000 xid=none -> 106"},
-        {request(kForget, 5, 0, xid), code(-4),
-         "#4 forget rmid=5 flags=0x0000000000000000 xid=0x1234:616263:6465 -> late 0.100s -4"},
-        {request(kPrepare, 1, 0, Bytes(xid.begin(), xid.end() - 1)), code(3),
-         "#5 prepare rmid=1 flags=0x0000000000000000 "
-         "xid=malformed:00000000000012340000000000000003000000000000000261626364 -> 3"},
-        {request(kClose, 1, 0, text("Bye")),
-         {},
-         "#6 close rmid=1 flags=0x0000000000000000 text=\"Bye\" -> ignored"},
-        {request(0x2009, 1, 0),
-         {},
-         "#7 unknown type=0x2009 rmid=1 flags=0x0000000000000000 msgSize=20 -> drop"},
-    };
-    Client client(listener.port());
-    ASSERT_TRUE(client.connected());
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.line);
-        client.send(c.sent);
-        EXPECT_EQ(client.read(c.answer.size()), c.answer);
-        EXPECT_EQ(listener.nextLine(), c.line);
-    }
-    EXPECT_TRUE(client.closedByListener());  // after the unknown request
-}
-
-TEST(ListenerTool, MisbehavesForTheChosenTypeOrRequestNumber) {
-    SKIP_WITHOUT_LISTENER();
-    const Bytes xid = flatXid(1, "g", "b");
-    struct Case {
-        const char *what;
-        Args args;
-        std::vector<Bytes> sent;  // all on one connection, before anything is read
-        Bytes answers;            // everything that comes back
-        bool closed;              // the listener closes the connection afterwards
-    } cases[] = {
-        {"never leaves the connection open for the next request",
-         {"--never", "prepare", "--commit", "7"},
-         {request(kPrepare, 1, 0, xid), request(kCommit, 1, 0, xid)},
-         code(7),
-         false},
-        {"a late answer keeps its place before later ones",
-         {"--late", "commit:0.2", "--commit", "5", "--rollback", "6"},
-         {request(kCommit, 1, 0, xid), request(kRollback, 1, 0, xid)},
-         Bytes{0, 0, 0, 5, 0, 0, 0, 6},
-         false},
-        {"drop by request number",
-         {"--drop", "2"},
-         {request(kPrepare, 1, 0, xid), request(kCommit, 1, 0, xid)},
-         code(0),
-         true},
-        {"half an answer, then closed",
-         {"--half", "forget", "--forget", "-4"},
-         {request(kForget, 1, 0, xid)},
-         Bytes{0xFF, 0xFF},
-         true},
-        {"a request number wins over the type",
-         {"--drop", "commit", "--late", "1:0", "--commit", "5"},
-         {request(kCommit, 1, 0, xid), request(kCommit, 1, 0, xid)},
-         code(5),
-         true},
-        {"drop of a recover", {"--drop", "recover"}, {request(kRecover, 1, 0, {}, 0)}, {}, true},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        Args args = c.args;
-        args.push_back("--no-register");
-        args.push_back("--quiet");
-        ListenerProcess listener(args);
-        ASSERT_TRUE(listener.started());
-        Client client(listener.port());
-        for (const Bytes &b : c.sent) {
-            client.send(b);
-        }
-        EXPECT_EQ(client.read(c.answers.size()), c.answers);
-        if (c.closed) {
-            EXPECT_TRUE(client.closedByListener());
-        }
-    }
-}
-
-TEST(ListenerTool, RecoverReplyCarriesTheConfiguredXidsAndNothingMore) {
-    SKIP_WITHOUT_LISTENER();
-    const Bytes two = flatXid(0x1234, "abc", "de");
-    const Bytes none = flatXid(-1, "", "");
-    auto reply = [](int32_t count, int32_t size, const std::vector<Bytes> &records) {
-        Bytes b = code(kRecover);
-        put(b, static_cast<uint32_t>(count), 4);
-        put(b, 0, 4);
-        put(b, static_cast<uint32_t>(size), 4);
-        for (const Bytes &r : records) {
-            b.insert(b.end(), r.begin(), r.end());
-        }
-        return b;
-    };
-    struct Case {
-        Args args;
-        Bytes expected;
-    } cases[] = {
-        {{}, reply(0, 0, {})},
-        {{"--xid", "0x1234:616263:6465", "--xid", "-1::"}, reply(2, 53, {two, none})},
-        {{"--xid", "0x1234:616263:6465", "--recover-count", "5", "--recover-size", "-3"},
-         reply(5, -3, {two})},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(testing::PrintToString(c.args));
-        Args args = c.args;
-        args.insert(args.end(), {"--no-register", "--quiet", "--commit", "9"});
-        ListenerProcess listener(args);
-        ASSERT_TRUE(listener.started());
-        Client client(listener.port());
-        client.send(request(kRecover, 1, 0x800000, {}, 0));
-        EXPECT_EQ(client.read(c.expected.size()), c.expected);
-        // The next answer on the connection is the commit's: no stray byte of the reply.
-        client.send(request(kCommit, 1, 0));
-        EXPECT_EQ(client.read(4), code(9));
-    }
-}
-
-TEST(ListenerTool, ServesOtherConnectionsWhileAnAnswerIsHeld) {
-    SKIP_WITHOUT_LISTENER();
-    ListenerProcess listener({"--no-register", "--quiet", "--late", "prepare:30", "--commit", "9"});
-    ASSERT_TRUE(listener.started());
-    Client held(listener.port());
-    held.send(request(kPrepare, 1, 0));
-    std::vector<std::unique_ptr<Client>> others;
-    for (int i = 0; i < 40; ++i) {
-        others.push_back(std::make_unique<Client>(listener.port()));
-        others.back()->send(request(kCommit, 1, 0));
-    }
-    for (auto &c : others) {
-        EXPECT_EQ(c->read(4), code(9));
-    }
-    EXPECT_EQ(listener.stop(), 0);  // a pending timer does not delay the exit
 }
 
 TEST(ListenerTool, RegistersItsRowAndEmptiesItOnEveryWayOut) {
-    SKIP_WITHOUT_LISTENER();
-    const std::function<int(ListenerProcess &)> sigterm = [](ListenerProcess &l) {
-        return l.stop();
-    };
-    const std::function<int(ListenerProcess &)> sigint = [](ListenerProcess &l) {
-        return l.stop(SIGINT);
-    };
-    const std::function<int(ListenerProcess &)> cleanup = [](ListenerProcess &l) {
-        Client(l.port()).send(request(kClose, 1, 0, text("Cleanup Java Process")));
-        return l.waitForExit().value_or(-1);
-    };
+    if (xajms::test::listenerPath().empty()) {
+        GTEST_SKIP() << "xajms-listener is not part of this build";
+    }
     struct Case {
         const char *what;
-        std::function<void(const std::string &)> before;
+        const char *text;            // the file before: none for "", else this text, or when
+        std::vector<int32_t> modes;  // null a registry with rows of these modes (pid 1, port
+        int32_t rowCount;            // 1000 + the row) and this row count
         const char *mode;
         int32_t modeValue;
-        int row;
+        size_t row;
         int32_t count;
-        std::function<int(ListenerProcess &)> exit;
+        int signal;
     } cases[] = {
-        {"absent file is created", nullptr, "broker", 2, 0, 1, sigterm},
-        {"short unsigned file is formatted",
-         [](const std::string &p) { std::ofstream(p) << "not a registry"; }, "pending", 4, 0, 1,
-         sigint},
-        {"first empty row below the count",
-         [](const std::string &p) {
-             writeRegistry(p, {2, 0, 2}, 3);
-         },
-         "recovery", 1, 1, 3, cleanup},
-        {"a dead row is not reused",
-         [](const std::string &p) {
-             writeRegistry(p, {2, 3}, 2);
-         },
-         "broker", 2, 2, 3, sigterm},
-        {"a negative count is raised", [](const std::string &p) { writeRegistry(p, {}, -1); },
-         "pending", 4, 0, 1, cleanup},
+        {"absent file is created", "", {}, 0, "broker", 2, 0, 1, SIGTERM},
+        {"short unsigned file is formatted", "not a registry", {}, 0, "pending", 4, 0, 1, SIGINT},
+        {"first empty row below the count", nullptr, {2, 0, 2}, 3, "recovery", 1, 1, 3, SIGINT},
+        {"a dead row is not reused", nullptr, {2, 3}, 2, "broker", 2, 2, 3, SIGTERM},
+        {"a negative count is raised", nullptr, {}, -1, "pending", 4, 0, 1, SIGTERM},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        TempDir dir;
+        xajms::test::TempDir dir;
         const std::string path = dir.path() + "/XA_SWITCH_MMF";
-        if (c.before) {
-            c.before(path);
+        std::map<size_t, registry::Row> rows;
+        for (size_t r = 0; r < c.modes.size(); ++r) {
+            rows[r] = {1, 0, 1000 + static_cast<int32_t>(r), c.modes[r], {}, {}};
         }
-        ListenerProcess listener(
+        if (c.text == nullptr || *c.text != '\0') {
+            std::ofstream(path) << (c.text != nullptr ? c.text : registryFile(c.rowCount, rows));
+        }
+        xajms::test::ListenerProcess listener(
             {"--registry", path, "--mode", c.mode, "--name", "EG1", "--quiet"});
         ASSERT_TRUE(listener.started());
-        const Registry registered(path);
-        ASSERT_EQ(registered.bytes.size(), 76040u);
-        EXPECT_EQ(registered.bytes.substr(0, 25), std::string("/var/orlom/XA_SWITCH_MMF", 25));
-        EXPECT_EQ(registered.count(), c.count);
-        EXPECT_EQ(registered.field(c.row, 0), listener.pid());
-        EXPECT_EQ(registered.field(c.row, 8), listener.port());
-        EXPECT_EQ(registered.field(c.row, 12), c.modeValue);
-        EXPECT_EQ(registered.name(c.row), "EG1");
+        rows[c.row] = {listener.pid(), 0, listener.port(), c.modeValue, {}, "EG1"};
+        EXPECT_TRUE(fileText(path) == registryFile(c.count, rows));
 
-        EXPECT_EQ(c.exit(listener), 0);
-        Registry emptied(path);
-        EXPECT_EQ(emptied.field(c.row, 0), 0);
-        EXPECT_EQ(emptied.field(c.row, 8), 0);
-        EXPECT_EQ(emptied.field(c.row, 12), 0);
-        // Nothing else in the file changes.
-        const size_t row = 40 + 152 * size_t(c.row);
-        emptied.bytes.replace(row, 16, registered.bytes, row, 16);
-        EXPECT_EQ(emptied.bytes, registered.bytes);
+        EXPECT_EQ(listener.stop(c.signal), 0);
+        // Its pid, port and mode are emptied; nothing else in the file changes.
+        rows[c.row].pid = rows[c.row].port = rows[c.row].mode = 0;
+        EXPECT_TRUE(fileText(path) == registryFile(c.count, rows));
     }
+}
+
+class RegistryTool : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (xajms::test::registryToolPath().empty()) {
+            GTEST_SKIP() << "xajms-registry is not part of this build";
+        }
+        if (const std::string why = xajms::test::enterPrivateOrlom(); !why.empty()) {
+            GTEST_SKIP() << why;
+        }
+    }
+    static ToolRun show(const Args &args) { return runTool(xajms::test::registryToolPath(), args); }
+};
+
+TEST_F(RegistryTool, ShowsCountedRowsAndRowsInUseBeyondTheCount) {
+    // pid 1 is always alive, and no process has a pid above 4194304; the name of row 3 fills
+    // its 128 bytes, without terminator.
+    std::string file =
+        registryFile(4, {{0, {1, 0, 40001, registry::kModeBroker, {}, "EG1"}},
+                         {1, {4194305, 0, 40002, registry::kModePending, {}, "a\\b\x01"}},
+                         {3, {-1, 0, 40003, 7, {}, {}}},
+                         {9, {0, 0, 40009, registry::kModeStartUpRecovery, {}, "late"}}});
+    file.replace(40 + 152 * 3 + 24, 128, 128, 'N');
+    std::ofstream(kPath) << file;
+    // The table and the JSON compare with files in the golden directory, which
+    // XAJMS_UPDATE_GOLDEN=1 rewrites first.
+    for (const char *json : {"", "--json"}) {
+        const ToolRun run = show(*json != '\0' ? Args{json} : Args{});
+        EXPECT_EQ(run.status, 0) << run.err;
+        const std::string golden = std::string(XAJMS_TEST_DATA) + "/golden/registry" +
+                                   (*json != '\0' ? ".json" : "_table.txt");
+        if (std::getenv("XAJMS_UPDATE_GOLDEN") != nullptr) {
+            std::ofstream(golden, std::ios::binary) << run.out;
+        }
+        EXPECT_EQ(run.out, fileText(golden));
+    }
+
+    // A row count outside 0..500 is shown as it is; rows are read up to the file's end.
+    for (const auto &[rowCount, lines] : {std::pair(-5, 4), std::pair(9999, 502)}) {
+        std::ofstream(kPath) << registryFile(rowCount, {{499, {0, 0, 40499, 2, {}, "last"}}});
+        const std::string out = show({}).out;
+        EXPECT_TRUE(out.starts_with(kPath + ": row count " + std::to_string(rowCount) +
+                                    " (outside 0..500)\n"))
+            << out;
+        EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), lines);
+        EXPECT_NE(out.find("\n499  last "), std::string::npos);
+    }
+}
+
+TEST_F(RegistryTool, RefusesWhatIsNoRegistryAndClearsRowZero) {
+    std::string noSignature = registryFile(1, {});
+    noSignature[5] = 'X';
+    const std::string used =
+        registryFile(2, {{0, {11, 0, 40001, 2, {}, "EG0"}}, {1, {12, 0, 40002, 4, {}, "EG1"}}});
+    // Row 0 emptied: its name is overwritten by a blank and its terminator only.
+    const std::string cleared = registryFile(
+        0, {{0, {0, 0, 0, 0, {}, {' ', '\0', '0'}}}, {1, {12, 0, 40002, 4, {}, "EG1"}}});
+    const std::string absent = ": cannot open the registry file: No such file or directory";
+    const std::string unformatted = ": not a formatted registry file (";
+    struct Case {
+        std::optional<std::string> before;  // the file at the fixed path, or none
+        bool clear;
+        std::string out;  // each after the path
+        std::string err;  // each after "xajms-registry: " and the path
+        std::optional<std::string> after = std::nullopt;  // the file afterwards, if changed
+    } cases[] = {
+        {std::nullopt, false, "", absent + "\n"},
+        {"", false, "", unformatted + "0 of 76040 bytes)\n"},
+        {std::string(1000, 'x'), false, "", unformatted + "1000 of 76040 bytes)\n"},
+        {noSignature, false, "", unformatted + "no signature)\n"},
+        {std::nullopt, true, "", absent + "; nothing cleared\n"},
+        // A file without the signature is left as it is: the library would format it.
+        {std::string(registry::kFileSize, 'j'), true, "",
+         unformatted + "no signature); nothing cleared\n"},
+        {used, true, ": row 0 emptied and the row count set to 0 (was 2); rows 1 and above kept\n",
+         "", cleared},
+        {cleared, true, ": nothing cleared, the row count is 0\n", ""},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.out + c.err);
+        unlink(kPath.c_str());
+        if (c.before) {
+            std::ofstream(kPath) << *c.before;
+        }
+        const ToolRun run = show(c.clear ? Args{"--clear"} : Args{});
+        EXPECT_EQ(run.status, c.err.empty() ? 0 : 1);
+        EXPECT_EQ(run.out, c.out.empty() ? "" : kPath + c.out);
+        EXPECT_EQ(run.err, c.err.empty() ? "" : "xajms-registry: " + kPath + c.err);
+        EXPECT_TRUE(fileText(kPath) == c.after.value_or(c.before.value_or("")));
+    }
+    unlink(kPath.c_str());
+    mkdir(kPath.c_str(), 0700);
+    EXPECT_EQ(show({}).err, "xajms-registry: " + kPath + ": not a regular file\n");
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
-// Fakes of the C library calls that make tests slow or unrepeatable. The test executable
-// defines sleep, time, gettimeofday, getpid, poll, recv, dlopen and open itself, so that every call
-// that libxajms makes lands here first. Each fake forwards to the C library until a test arms
-// it; sleep never sleeps in a test executable: it only counts.
+// Fakes of the C library calls that make tests slow or unrepeatable. tests/support/fakes.cpp
+// defines sleep, time, gettimeofday, getpid, poll, recv, dlopen and calloc in the test
+// executables, so that libxajms's calls land there first. sleep never sleeps: it counts, and
+// moves the fake clock on while that is armed. The others forward to the C library until armed.
 #pragma once
 
 #include <dlfcn.h>
@@ -10,52 +10,96 @@
 #include <sys/time.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <functional>
 
 namespace xajms::test {
 
-// Clock: while armed, time() and gettimeofday() report the fake time, and sleep(n) moves it
-// on by n seconds.
-void armClock(time_t seconds, suseconds_t micros = 0);
-void disarmClock();
-void advanceClock(time_t seconds);
-
-// Every sleep() call of this process, since the start or the last reset.
-int sleepCalls();
-unsigned sleptSeconds();
-void resetSleeps();
-
-// getpid() returns `pid` while armed.
-void armPid(pid_t pid);
-void disarmPid();
-
-// While set, poll(), recv() and dlopen() call the script instead of the C library; the
-// script may call the real* functions itself. Each counts its calls either way.
 using PollScript = std::function<int(pollfd *, nfds_t, int)>;
 using RecvScript = std::function<ssize_t(int, void *, size_t, int)>;
 using DlopenScript = std::function<void *(const char *, int)>;
-// open(path, flags, mode); the script may call realOpen itself.
-using OpenScript = std::function<int(const char *, int, mode_t)>;
-void setPoll(PollScript script);
-void setRecv(RecvScript script);
-void setDlopen(DlopenScript script);
-void setOpen(OpenScript script);
-void clearScripts();
-int pollCalls();
-int recvCalls();
-int dlopenCalls();
-int openCalls();
 
-// Allocation faults: while armed, the nth call of malloc or calloc from now on (1 = the next)
-// returns null; calls before it and after it are served. Counts every call either way.
-// Not available under AddressSanitizer, which owns the allocator: tests skip then.
-bool allocationFaultsAvailable();
-void failAllocation(int nth);
-int allocationCalls();
+// The state that the interposed calls read.
+struct Fakes {
+    static inline std::atomic<bool> clockArmed{false}, pidArmed{false};
+    static inline std::atomic<time_t> seconds{0};
+    static inline std::atomic<suseconds_t> micros{0};
+    static inline std::atomic<int> sleeps{0}, failAt{0};
+    static inline std::atomic<unsigned> slept{0};
+    static inline std::atomic<pid_t> pid{0};
+    static inline PollScript poll;
+    static inline RecvScript recv;
+    static inline DlopenScript dlopen;
 
-int realPoll(pollfd *fds, nfds_t count, int timeout);
-ssize_t realRecv(int fd, void *buffer, size_t length, int flags);
-void *realDlopen(const char *file, int mode);
-int realOpen(const char *path, int flags, mode_t mode);
+    template <typename Fn>
+    static Fn next(const char *name) {
+        return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+    }
+};
+
+// While armed, time() and gettimeofday() report the fake time, and getpid() the fake pid.
+inline void armClock(time_t seconds, suseconds_t micros = 0) {
+    Fakes::seconds = seconds;
+    Fakes::micros = micros;
+    Fakes::clockArmed = true;
+}
+inline void advanceClock(time_t seconds) {
+    Fakes::seconds += seconds;
+}
+inline void armPid(pid_t pid) {
+    Fakes::pid = pid;
+    Fakes::pidArmed = true;
+}
+inline int sleepCalls() {
+    return Fakes::sleeps;
+}
+inline unsigned sleptSeconds() {
+    return Fakes::slept;
+}
+inline void resetSleeps() {
+    Fakes::sleeps = 0;
+    Fakes::slept = 0;
+}
+
+// While set, poll(), recv() and dlopen() call the script instead; it may call real*() itself.
+inline void setPoll(PollScript script) {
+    Fakes::poll = std::move(script);
+}
+inline void setRecv(RecvScript script) {
+    Fakes::recv = std::move(script);
+}
+inline void setDlopen(DlopenScript script) {
+    Fakes::dlopen = std::move(script);
+}
+inline void clearScripts() {
+    Fakes::poll = nullptr;
+    Fakes::recv = nullptr;
+    Fakes::dlopen = nullptr;
+}
+inline int realPoll(pollfd *fds, nfds_t count, int timeout) {
+    static auto fn = Fakes::next<int (*)(pollfd *, nfds_t, int)>("poll");
+    return fn(fds, count, timeout);
+}
+inline ssize_t realRecv(int fd, void *buffer, size_t length, int flags) {
+    static auto fn = Fakes::next<ssize_t (*)(int, void *, size_t, int)>("recv");
+    return fn(fd, buffer, length, flags);
+}
+inline void *realDlopen(const char *file, int mode) {
+    static auto fn = Fakes::next<void *(*)(const char *, int)>("dlopen");
+    return fn(file, mode);
+}
+
+// The nth calloc from now on (1 = the next) returns null. AddressSanitizer owns the
+// allocator, so allocation faults are not available under it (the tests skip then).
+inline bool allocationFaultsAvailable() {
+#ifdef __SANITIZE_ADDRESS__
+    return false;
+#else
+    return true;
+#endif
+}
+inline void failAllocation(int nth) {
+    Fakes::failAt = nth;
+}
 
 }  // namespace xajms::test

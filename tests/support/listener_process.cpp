@@ -1,25 +1,27 @@
-// Starting, reading and stopping xajms-listener from a test. Children are started with
-// posix_spawn (safe in a process with threads); waits are bounded with ppoll on the pipes.
+// Starting, reading and reaping the built tools from a test. Children are started with
+// posix_spawn (safe in a process with threads); every wait is bounded by one deadline.
 #include "support/listener_process.h"
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <charconv>
+#include <cstdio>
+#include <utility>
 
 extern char **environ;
 
 namespace xajms::test {
 namespace {
 
-constexpr int kStartTimeoutMs = 10000;
+constexpr long long kStartLimitMs = 10000;  // for the "port=N" line, and for a stop
+constexpr long long kRunLimitMs = 20000;    // for a tool run to its end
 
 long long nowMs() {
     timespec ts{};
@@ -27,114 +29,104 @@ long long nowMs() {
     return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-// Waits until fd is readable or the deadline passes; true when it is readable (or at EOF).
+// Waits until fd is readable or at its end; false when the deadline passed first.
 bool readable(int fd, long long deadline) {
-    for (;;) {
-        const long long left = deadline - nowMs();
-        if (left < 0) {
-            return false;
-        }
+    for (long long left = deadline - nowMs(); left >= 0; left = deadline - nowMs()) {
         pollfd p{fd, POLLIN, 0};
         const timespec ts{static_cast<time_t>(left / 1000),
                           static_cast<long>(left % 1000) * 1000000};
         const int n = ppoll(&p, 1, &ts, nullptr);
-        if (n > 0) {
-            return true;
-        }
-        if (n < 0 && errno != EINTR) {
-            return false;
+        if (n > 0 || (n < 0 && errno != EINTR)) {
+            return n > 0;
         }
     }
+    return false;
 }
 
-// Appends what one read returns; false at EOF or on an error.
+// Appends what one read returns; false at the end of the output or on an error.
 bool readMore(int fd, std::string &to) {
     std::array<char, 4096> chunk;
-    ssize_t n = -1;
-    do {
-        n = read(fd, chunk.data(), chunk.size());
-    } while (n < 0 && errno == EINTR);
-    if (n <= 0) {
-        return false;
-    }
-    to.append(chunk.data(), static_cast<size_t>(n));
-    return true;
+    const ssize_t n = TEMP_FAILURE_RETRY(read(fd, chunk.data(), chunk.size()));
+    to.append(chunk.data(), n > 0 ? static_cast<size_t>(n) : 0);
+    return n > 0;
 }
 
-int exitStatus(int waitStatus) {
-    if (WIFEXITED(waitStatus)) {
-        return WEXITSTATUS(waitStatus);
+// Reads fd to its end, which comes when the child has exited; false when the deadline passed
+// first. The reading also unblocks a child that is writing into a full pipe.
+bool drain(int fd, std::string &to, long long deadline) {
+    while (readable(fd, deadline)) {
+        if (!readMore(fd, to)) {
+            return true;
+        }
     }
-    return WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus) : -1;
+    return false;
 }
 
-// Starts the listener with stdout (and stderr when err is given) on pipes; returns its pid.
-pid_t spawn(const std::vector<std::string> &args, int &out, int *err) {
-    std::vector<std::string> all{listenerPath()};
-    all.insert(all.end(), args.begin(), args.end());
-    std::vector<char *> argv;
-    for (std::string &a : all) {
-        argv.push_back(a.data());
+int reap(pid_t pid) {
+    int status = 0;
+    if (TEMP_FAILURE_RETRY(waitpid(pid, &status, 0)) < 0) {
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Starts the program with its standard output on a pipe read from `out` and its standard
+// error on `err`; returns its pid, or -1.
+pid_t spawn(const std::string &path, const std::vector<std::string> &args, int &out, int err) {
+    std::vector<char *> argv{const_cast<char *>(path.c_str())};
+    for (const std::string &a : args) {
+        argv.push_back(const_cast<char *>(a.c_str()));
     }
     argv.push_back(nullptr);
-    int o[2] = {-1, -1};
-    int e[2] = {-1, -1};
-    if (pipe2(o, O_CLOEXEC) != 0 || (err != nullptr && pipe2(e, O_CLOEXEC) != 0)) {
+    int p[2] = {-1, -1};
+    if (pipe2(p, O_CLOEXEC) != 0) {
         return -1;
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, o[1], 1);
-    if (err != nullptr) {
-        posix_spawn_file_actions_adddup2(&actions, e[1], 2);
-    }
+    posix_spawn_file_actions_adddup2(&actions, p[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, err, 2);
     pid_t pid = -1;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
-        pid = -1;
-    }
+    const int failed = posix_spawn(&pid, path.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    close(o[1]);
-    out = o[0];
-    if (err != nullptr) {
-        close(e[1]);
-        *err = e[0];
-    }
-    return pid;
+    close(p[1]);
+    out = p[0];
+    return failed == 0 ? pid : -1;
 }
 
 }  // namespace
 
-std::string listenerPath() {
-#ifdef XAJMS_LISTENER_PATH
-    return XAJMS_LISTENER_PATH;
-#else
-    return {};
-#endif
+ToolRun runTool(const std::string &path, const std::vector<std::string> &args) {
+    ToolRun run;
+    int out = -1;
+    const int err = memfd_create("stderr", MFD_CLOEXEC);  // read once the tool has ended
+    const pid_t pid = spawn(path, args, out, err);
+    const bool ended = pid > 0 && drain(out, run.out, nowMs() + kRunLimitMs);
+    if (pid > 0 && !ended) {
+        kill(pid, SIGKILL);
+    }
+    const int status = pid > 0 ? reap(pid) : -1;
+    lseek(err, 0, SEEK_SET);
+    while (readMore(err, run.err)) {
+    }
+    close(out);
+    close(err);
+    run.status = ended ? status : -1;
+    return run;
 }
 
 ListenerProcess::ListenerProcess(const std::vector<std::string> &args) {
-    if (listenerPath().empty()) {
-        return;
-    }
-    pid_ = spawn(args, out_, nullptr);
-    if (pid_ < 0) {
-        return;
-    }
-    const std::optional<std::string> first = nextLine(kStartTimeoutMs);
-    if (first && first->starts_with("port=")) {
-        const char *begin = first->data() + 5;
-        const char *end = first->data() + first->size();
-        int port = 0;
-        const auto [ptr, ec] = std::from_chars(begin, end, port);
-        port_ = (ec == std::errc() && ptr == end) ? port : 0;
+    pid_ = spawn(listenerPath(), args, out_, STDERR_FILENO);
+    const std::optional<std::string> first = pid_ > 0 ? nextLine(kStartLimitMs) : std::nullopt;
+    char after = 0;  // nothing may follow the number
+    if (first && std::sscanf(first->c_str(), "port=%d%c", &port_, &after) != 1) {
+        port_ = 0;
     }
 }
 
 ListenerProcess::~ListenerProcess() {
     stop();
-    if (out_ >= 0) {
-        close(out_);
-    }
+    close(out_);
 }
 
 std::optional<std::string> ListenerProcess::nextLine(int timeoutMs) {
@@ -152,85 +144,23 @@ std::optional<std::string> ListenerProcess::nextLine(int timeoutMs) {
     }
 }
 
-int ListenerProcess::reap() {
-    int status = 0;
-    pid_t r = -1;
-    do {
-        r = waitpid(pid_, &status, 0);
-    } while (r < 0 && errno == EINTR);
-    pid_ = -1;
-    return r < 0 ? -1 : exitStatus(status);
-}
-
-// Reads the listener's output into the buffer until it ends (the listener has exited) or
-// the deadline passes; true at the end of the output. Reading also unblocks a listener that
-// is writing its log into a full pipe.
-bool ListenerProcess::drain(long long deadline) {
-    while (out_ >= 0 && readable(out_, deadline)) {
-        if (!readMore(out_, buffered_)) {
-            return true;
-        }
-    }
-    return out_ < 0;
-}
-
 int ListenerProcess::stop(int sig) {
-    if (pid_ < 0) {
-        return -1;
+    if (pid_ > 0) {
+        kill(pid_, sig);
     }
-    kill(pid_, sig);
-    if (!drain(nowMs() + kStartTimeoutMs)) {
-        kill(pid_, SIGKILL);
+    const std::optional<int> status = waitForExit(kStartLimitMs);
+    if (status || pid_ <= 0) {
+        return status.value_or(-1);
     }
-    return reap();
+    kill(pid_, SIGKILL);
+    return reap(std::exchange(pid_, -1));
 }
 
 std::optional<int> ListenerProcess::waitForExit(int timeoutMs) {
-    if (pid_ < 0 || !drain(nowMs() + timeoutMs)) {
+    if (pid_ <= 0 || !drain(out_, buffered_, nowMs() + timeoutMs)) {
         return std::nullopt;
     }
-    return reap();
-}
-
-ListenerRun runListener(const std::vector<std::string> &args) {
-    ListenerRun run;
-    int out = -1;
-    int err = -1;
-    const pid_t pid = spawn(args, out, &err);
-    if (pid < 0) {
-        return run;
-    }
-    const long long deadline = nowMs() + kStartTimeoutMs;
-    bool outOpen = true;
-    bool errOpen = true;
-    while (outOpen || errOpen) {
-        const long long left = deadline - nowMs();
-        if (left < 0) {
-            break;
-        }
-        pollfd p[2] = {{outOpen ? out : -1, POLLIN, 0}, {errOpen ? err : -1, POLLIN, 0}};
-        const timespec ts{static_cast<time_t>(left / 1000),
-                          static_cast<long>(left % 1000) * 1000000};
-        if (ppoll(p, 2, &ts, nullptr) < 0 && errno != EINTR) {
-            break;
-        }
-        if (p[0].revents != 0) {
-            outOpen = readMore(out, run.out);
-        }
-        if (p[1].revents != 0) {
-            errOpen = readMore(err, run.err);
-        }
-    }
-    if (outOpen || errOpen) {
-        kill(pid, SIGKILL);
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    close(out);
-    close(err);
-    run.status = (outOpen || errOpen) ? -1 : exitStatus(status);
-    return run;
+    return reap(std::exchange(pid_, -1));
 }
 
 }  // namespace xajms::test

@@ -1,6 +1,6 @@
-// xajms-listener as a child process of a test: started with given arguments, its "port=N"
-// line read, its later output readable line by line, and stopped with SIGTERM and reaped when
-// the object goes. It reads with read() and ppoll(), never through the faked recv and poll.
+// The built tools as child processes of a test: run to their end, or xajms-listener kept
+// running with its log read line by line. Children are read with read() and ppoll(), never
+// through the faked recv and poll.
 #pragma once
 
 #include <signal.h>
@@ -12,16 +12,31 @@
 
 namespace xajms::test {
 
-// The built xajms-listener, or an empty string when the tool is not part of this build
-// (the caller skips).
-std::string listenerPath();
+// The built tools; an empty string for one that is not part of this build (the caller skips).
+inline std::string listenerPath() {
+    return XAJMS_LISTENER_PATH;
+}
+inline std::string drivePath() {
+    return XAJMS_DRIVE_PATH;
+}
+inline std::string registryToolPath() {
+    return XAJMS_REGISTRY_PATH;
+}
 
-// A listener that logs to standard output blocks once the pipe is full (64 KiB) until the
-// test reads; a test that sends many requests and reads no lines passes --quiet or --log.
+struct ToolRun {
+    int status = -1;  // exit status, 128 + signal, or -1 when it did not end within 20 s
+    std::string out;
+    std::string err;
+};
+
+// Runs the program with the arguments until it exits; kills it after 20 seconds.
+ToolRun runTool(const std::string &path, const std::vector<std::string> &args);
+
+// A running xajms-listener, started and waited for up to 10 s until its "port=N" line came
+// (else started() is false and its stderr tells why); stopped when the object goes. Its log
+// blocks it once the pipe holds 64 KiB: a test that reads no lines passes --quiet.
 class ListenerProcess {
   public:
-    // Starts the listener and waits up to 10 seconds for its "port=N" line. A listener that
-    // fails to start leaves started() false (its own stderr tells why).
     explicit ListenerProcess(const std::vector<std::string> &args);
     ~ListenerProcess();
     ListenerProcess(const ListenerProcess &) = delete;
@@ -31,38 +46,21 @@ class ListenerProcess {
     int port() const { return port_; }
     pid_t pid() const { return pid_; }
 
-    // The next line of its standard output (the request log unless --log moved it), without
-    // the newline; nothing when no whole line came within the time or the output ended.
+    // The next line of its output; nothing when no whole line came in time or it ended.
     std::optional<std::string> nextLine(int timeoutMs = 5000);
 
-    // Sends the signal (SIGTERM unless told) and reaps the listener, killing it when it has
-    // not ended within 10 seconds; returns its exit status, or 128 + the signal that killed
-    // it, or -1 when it was already reaped. What it wrote meanwhile stays for nextLine().
+    // Sends the signal and reaps the listener (killed when not ended within 10 s); returns
+    // its exit status, 128 + the killing signal, or -1 when it was reaped already.
     int stop(int sig = SIGTERM);
 
-    // Waits up to the time for the listener to end by itself and reaps it; returns its exit
-    // status as stop() does, or nothing when it is still running.
+    // Reaps the listener once it ended by itself within the time; its status as stop() has it.
     std::optional<int> waitForExit(int timeoutMs = 5000);
 
   private:
-    int reap();
-    bool drain(long long deadline);
-
     pid_t pid_ = -1;
     int out_ = -1;
     int port_ = 0;
     std::string buffered_;
 };
-
-// The outcome of a listener run to its end: exit status and everything it wrote.
-struct ListenerRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-// Runs the listener with the arguments until it exits (for --help and refused command
-// lines); gives up and kills it after 10 seconds (status -1 then).
-ListenerRun runListener(const std::vector<std::string> &args);
 
 }  // namespace xajms::test

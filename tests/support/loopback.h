@@ -1,6 +1,16 @@
-// Loopback TCP endpoints and descriptor helpers for the pool tests.
+// Loopback TCP ports and descriptor helpers of the pool and protocol tests.
 #pragma once
 
+#include <xajms/xajms.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 
 namespace xajms::test {
@@ -9,23 +19,47 @@ namespace xajms::test {
 // backlog without accept(); not listening, it refuses every connect.
 class LoopbackPort {
   public:
-    explicit LoopbackPort(bool listening = true);
-    ~LoopbackPort();
+    explicit LoopbackPort(bool listening = true) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+            (listening && listen(fd_, 128) != 0) ||
+            getsockname(fd_, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+            std::abort();
+        }
+        port_ = ntohs(address.sin_port);
+    }
+    ~LoopbackPort() { close(fd_); }
     LoopbackPort(const LoopbackPort &) = delete;
     LoopbackPort &operator=(const LoopbackPort &) = delete;
     int port() const { return port_; }
 
   private:
-    int fd_ = -1;
+    int fd_;
     int port_ = 0;
 };
 
-// Points descriptor 0 at /dev/null, so that new sockets never land on 0.
-void occupyDescriptorZero();
-bool isOpen(int fd);
+inline bool isOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
 
-// Switches the socket trace on (XAJMS_TRACEFILE and one lock and unlock of the pool), then
+// Opens descriptor 0 when it is closed, so that new sockets never land on the pool's "none".
+inline void occupyDescriptorZero() {
+    if (!isOpen(0)) {
+        (void)!open("/dev/null", O_RDONLY);  // the lowest free descriptor: 0
+    }
+}
+
+// Switches the socket trace on (XAJMS_TRACEFILE, one lock and unlock of the pool), then
 // empties the trace file and the depth, so that a test sees only its own lines.
-void enableSocketTrace(const std::string &prefix);
+inline void enableSocketTrace(const std::string &prefix) {
+    setenv("XAJMS_TRACEFILE", prefix.c_str(), 1);
+    lockConnectionPool_jms();
+    unlockConnectionPool_jms();
+    iIndent = 0;
+    std::filesystem::remove(prefix + std::to_string(getpid()) + ".trc");
+}
 
 }  // namespace xajms::test

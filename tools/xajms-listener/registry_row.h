@@ -3,7 +3,7 @@
 // integers in the host's byte order.
 #pragma once
 
-#include "descriptor.h"
+#include "common/descriptor.h"
 #include "options.h"
 
 #include <sys/types.h>
@@ -14,6 +14,8 @@
 #include <string_view>
 
 namespace xajms::listener {
+
+using tools::Descriptor;
 
 inline constexpr std::size_t kRegistrySize = 76040;
 inline constexpr std::size_t kRegistryHeaderSize = 40;

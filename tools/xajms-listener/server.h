@@ -3,11 +3,13 @@
 // connection and no blocking call but the wait itself.
 #pragma once
 
-#include "descriptor.h"
+#include "common/descriptor.h"
 #include "options.h"
 #include "request_log.h"
 
 namespace xajms::listener {
+
+using tools::Descriptor;
 
 // Binds a non-blocking socket to 127.0.0.1:port and listens; boundPort receives the port
 // actually bound (the free one picked for port 0). Throws std::system_error on failure.

@@ -2,28 +2,20 @@
 // start and end slots record every call and return the codes a test sets.
 #include "support/pellux/pellux.h"
 
-#include <cstring>
-#include <vector>
+#include <cstdio>
 
 namespace {
 
-std::vector<PelluxCall> calls;
-int results[3] = {0, 0, 0};
+PelluxState state;
 
 int record(int slot, const char *openstring, const XID *xid, int rmid, long flags) {
-    PelluxCall call{};
-    call.slot = slot;
-    if (openstring != nullptr) {
-        std::snprintf(call.openstring, sizeof call.openstring, "%s", openstring);
+    if (state.count < static_cast<int>(sizeof state.calls / sizeof state.calls[0])) {
+        PelluxCall &call = state.calls[state.count++];
+        call = PelluxCall{slot, {}, xid != nullptr, xid != nullptr ? *xid : XID{}, rmid, flags};
+        std::snprintf(call.openstring, sizeof call.openstring, "%s",
+                      openstring != nullptr ? openstring : "");
     }
-    if (xid != nullptr) {
-        call.xid = *xid;
-        call.hasXid = 1;
-    }
-    call.rmid = rmid;
-    call.flags = flags;
-    calls.push_back(call);
-    return results[slot == 0 ? 0 : slot - 1];
+    return state.results[slot == 0 ? 0 : slot - 1];
 }
 
 int open(char *openstring, int rmid, long flags) {
@@ -41,24 +33,10 @@ JNISwitchJMS table = {open, nullptr, start, end};
 }  // namespace
 
 extern "C" {
-
 JNISwitchJMS *JNIStartJMS(void) {
     return &table;
 }
-
-void pelluxReset(int openResult, int startResult, int endResult) {
-    calls.clear();
-    results[0] = openResult;
-    results[1] = startResult;
-    results[2] = endResult;
+PelluxState *pelluxState(void) {
+    return &state;
 }
-
-int pelluxCallCount(void) {
-    return static_cast<int>(calls.size());
 }
-
-const PelluxCall *pelluxCall(int index) {
-    return index >= 0 && index < pelluxCallCount() ? &calls[static_cast<size_t>(index)] : nullptr;
-}
-
-}  // extern "C"

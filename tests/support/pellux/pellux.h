@@ -1,9 +1,7 @@
-// The control interface of the test companion library libPellux.so.
+// The state of the test companion library libPellux.so, which tests read and set.
 #pragma once
 
 #include <xajms/xajms.h>
-
-#include <cstdio>
 
 // One call that reached the table: slot 0 open, 2 start, 3 end.
 struct PelluxCall {
@@ -15,10 +13,14 @@ struct PelluxCall {
     long flags;
 };
 
+// What open, start and end return, and the calls since a test last cleared `count`.
+struct PelluxState {
+    int results[3];
+    int count;
+    PelluxCall calls[64];
+};
+
 extern "C" {
 JNISwitchJMS *JNIStartJMS(void);
-// Forgets the calls so far and sets what open, start and end return.
-void pelluxReset(int openResult, int startResult, int endResult);
-int pelluxCallCount(void);
-const PelluxCall *pelluxCall(int index);
+PelluxState *pelluxState(void);
 }

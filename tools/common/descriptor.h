@@ -1,11 +1,11 @@
-// A file descriptor that closes itself: the tool's sockets, signal descriptor and files.
+// A file descriptor that closes itself: sockets, signal descriptors and files of the tools.
 #pragma once
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace xajms::listener {
+namespace xajms::tools {
 
 class Descriptor {
   public:
@@ -35,4 +35,4 @@ class Descriptor {
     int fd_ = -1;
 };
 
-}  // namespace xajms::listener
+}  // namespace xajms::tools

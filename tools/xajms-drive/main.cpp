@@ -1,0 +1,105 @@
+// xajms-drive: parses the command line, loads the switch load file, calls ZJavaInitSwitchJMS
+// (with --broker) and the start function, then runs the verbs. Exit status 0 when every
+// call returned what was expected, 1 when one did not, 2 when the run could not begin.
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "options.h"
+#include "run.h"
+#include "switch_library.h"
+#include "xa_names.h"
+
+namespace {
+
+constexpr int kAsExpected = 0;
+constexpr int kUnexpected = 1;
+constexpr int kBadUsage = 2;
+
+using Clock = std::chrono::steady_clock;
+using StartFunction = xa_switch_t *(*)();
+using BrokerHook = long (*)();
+
+double millisecondsSince(Clock::time_point begin) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+}
+
+// Calls the broker hook; returns true when it returned 0.
+bool initialiseBroker(BrokerHook hook) {
+    const Clock::time_point begin = Clock::now();
+    const long rc = hook();
+    const double took = millisecondsSince(begin);
+    std::printf("ZJavaInitSwitchJMS -> %ld %.3f ms%s\n", rc, took, rc == 0 ? "" : " (expected 0)");
+    return rc == 0;
+}
+
+// Calls the start function and shows the switch record it returned; null when it
+// returned none.
+const xa_switch_t *startSwitch(StartFunction start, const std::string &name) {
+    const Clock::time_point begin = Clock::now();
+    const xa_switch_t *record = start();
+    const double took = millisecondsSince(begin);
+    if (record == nullptr) {
+        std::printf("%s -> null %.3f ms (expected a switch)\n", name.c_str(), took);
+        return nullptr;
+    }
+    const std::string switchName(record->name, strnlen(record->name, RMNAMESZ));
+    std::printf("%s -> switch '%s' flags=%s version=%ld %.3f ms\n", name.c_str(),
+                xajms::drive::printable(switchName).c_str(),
+                xajms::drive::flagNames(record->flags).c_str(), record->version, took);
+    return record;
+}
+
+int drive(const xajms::drive::Options &options) {
+    using namespace xajms::drive;
+    const SwitchLibrary library(options.library);
+    const auto start = reinterpret_cast<StartFunction>(library.function(options.startFunction));
+    const auto hook = options.broker
+                          ? reinterpret_cast<BrokerHook>(library.function("ZJavaInitSwitchJMS"))
+                          : nullptr;
+    bool allExpected = true;
+    if (hook != nullptr) {
+        allExpected = initialiseBroker(hook);
+    }
+    const xa_switch_t *record = startSwitch(start, options.startFunction);
+    if (record == nullptr) {
+        return kUnexpected;
+    }
+    if (const std::string missing = missingEntry(*record, options); !missing.empty()) {
+        std::fprintf(stderr, "xajms-drive: the switch has no %s\n", missing.c_str());
+        return kUnexpected;
+    }
+    const long unexpected = runCalls(*record, options, stdout);
+    return allExpected && unexpected == 0 ? kAsExpected : kUnexpected;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    using namespace xajms::drive;
+    Options options;
+    try {
+        options = parseOptions(argc - 1, argv + 1);
+    } catch (const UsageError &e) {
+        std::fprintf(stderr, "xajms-drive: %s\n", e.what());
+        return kBadUsage;
+    }
+    if (options.help) {
+        std::fwrite(helpText().data(), 1, helpText().size(), stdout);
+        return kAsExpected;
+    }
+    // Line-buffered, so that the lines already printed survive a library that ends the
+    // process.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    try {
+        return drive(options);
+    } catch (const LoadError &e) {
+        std::fprintf(stderr, "xajms-drive: %s\n", e.what());
+        return kBadUsage;
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "xajms-drive: %s\n", e.what());
+        return kUnexpected;
+    }
+}
