@@ -47,7 +47,11 @@ std::string defaultLibrary() {
 
 SwitchLibrary::SwitchLibrary(const std::string &path)
     : path_(path.empty() ? defaultLibrary() : path) {
-    handle_ = dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL);
+    // A queue manager keeps its switch load file for the life of the process. RTLD_NODELETE
+    // does the same here: the library's process-wide state (the open table an open left
+    // allocated) stays mapped and reachable after the handle is closed, rather than turning
+    // into a leak at exit.
+    handle_ = dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (handle_ == nullptr) {
         std::string reason = loaderError();
         if (path.empty()) {
