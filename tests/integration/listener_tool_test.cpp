@@ -59,9 +59,9 @@ TEST(Tools, RefuseBadCommandLinesWithOneLineAndStatusTwo) {
     const Args cases[] = {
         {L, "--bogus"}, {L, "stray"}, {L, "--port"}, {L, "--port", "65536"}, {L, "--mode", "dead"},
         {L, "--prepare", "1x"}, {L, "--commit", "4294967296"}, {L, "--late", "commit"},
-        {L, "--late", "close:1"}, {L, "--never", "0"}, {L, "--drop", "x"}, {L, "--xid", "1:ab"},
-        {L, "--xid", "0xg:aa:bb"}, {L, "--name", std::string(129, 'n')}, {L, "--no-register=1"},
-        {L, "--registry", ""},
+        {L, "--late", "close:1"}, {L, "--never", "0"}, {L, "--drop", "x"}, {L, "--drop-every", "0"},
+        {L, "--xid", "1:ab"}, {L, "--xid", "0xg:aa:bb"}, {L, "--name", std::string(129, 'n')},
+        {L, "--no-register=1"}, {L, "--registry", ""},
         {D}, {D, "--bogus", "open"}, {D, "frobnicate"}, {D, "commit"},
         {D, "--xid", "4711:gtrid", "commit"}, {D, "--xid", "1:" + g65 + ":b", "commit"},
         {D, "--rmid"}, {D, "--rmid", "1x", "open"}, {D, "--repeat", "0", "open"},

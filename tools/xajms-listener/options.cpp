@@ -52,6 +52,8 @@ for a request number wins over a rule for a type, a later rule over an earlier o
                       are answered.
   --drop TARGET       close the connection instead of answering.
   --half TARGET       send the first half of the answer, then close the connection.
+  --drop-every N      close the connection instead of answering every request whose
+                      number is a multiple of N (N >= 1); a rule for that number wins.
 
 Other requests: close is logged; with the text "Cleanup Java Process" the listener
 empties its row and exits with status 0. A request of an unknown type or size is logged
@@ -186,6 +188,13 @@ Handler answerCode(RequestType type, std::string_view option) {
     };
 }
 
+void applyDropEvery(Options &o, std::string_view v) {
+    o.dropEvery = parseNumber<std::uint64_t>(v, "--drop-every", 10);
+    if (o.dropEvery == 0) {
+        fail("--drop-every", "request numbers start at 1");
+    }
+}
+
 void applyMode(Options &o, std::string_view v) {
     constexpr std::array<std::pair<std::string_view, Mode>, 3> kModes = {
         {{"broker", Mode::broker}, {"pending", Mode::pending}, {"recovery", Mode::recovery}}};
@@ -241,6 +250,7 @@ const std::vector<OptionEntry> &optionTable() {
         {"--never", true, misbehave(Misbehaviour::never, "--never")},
         {"--drop", true, misbehave(Misbehaviour::drop, "--drop")},
         {"--half", true, misbehave(Misbehaviour::half, "--half")},
+        {"--drop-every", true, applyDropEvery},
         {"--log", true, [](Options &o, std::string_view v) { applyPath(o.logPath, v, "--log"); }},
         {"--quiet", false, [](Options &o, std::string_view) { o.quiet = true; }},
         {"--help", false, [](Options &o, std::string_view) { o.help = true; }},
@@ -290,6 +300,9 @@ Options parseOptions(int argc, const char *const *argv) {
 Behaviour behaviourFor(const Options &o, std::uint64_t n, RequestType type) {
     if (const auto it = o.byNumber.find(n); it != o.byNumber.end()) {
         return it->second;
+    }
+    if (o.dropEvery != 0 && n % o.dropEvery == 0) {
+        return {Misbehaviour::drop, 0};
     }
     const auto index = static_cast<std::size_t>(type);
     return index < o.byType.size() ? o.byType[index] : Behaviour{};

@@ -39,6 +39,8 @@ struct Options {
     std::array<Behaviour, kAnsweredTypes> byType{};
     // Behaviour of the nth request (counted from 1 over all types); wins over byType.
     std::map<std::uint64_t, Behaviour> byNumber;
+    // Every request whose number is a multiple of this is dropped (0: none); byNumber wins.
+    std::uint64_t dropEvery = 0;
     std::vector<Xid> xids;
     std::optional<std::int32_t> recoverCount;
     std::optional<std::int32_t> recoverDataSize;
@@ -57,7 +59,8 @@ class UsageError : public std::runtime_error {
 // accept; later occurrences of an option override earlier ones, except --xid, which adds.
 Options parseOptions(int argc, const char *const *argv);
 
-// What a request numbered n of this type is to suffer.
+// What a request numbered n of this type is to suffer: the rule for n, else a drop when n is
+// a multiple of dropEvery, else the rule for the type.
 Behaviour behaviourFor(const Options &o, std::uint64_t n, RequestType type);
 
 std::string_view helpText();
