@@ -5,7 +5,7 @@ using xajms::test::Fakes;
 
 extern "C" {
 
-#ifndef __SANITIZE_ADDRESS__
+#ifndef XAJMS_TEST_SANITIZER_ALLOCATOR
 void *__libc_calloc(size_t count, size_t size);
 void *calloc(size_t count, size_t size) noexcept {
     return Fakes::failAt > 0 && --Fakes::failAt == 0 ? nullptr : __libc_calloc(count, size);

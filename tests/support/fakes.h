@@ -89,10 +89,20 @@ inline void *realDlopen(const char *file, int mode) {
     return fn(file, mode);
 }
 
-// The nth calloc from now on (1 = the next) returns null. AddressSanitizer owns the
-// allocator, so allocation faults are not available under it (the tests skip then).
+// AddressSanitizer and ThreadSanitizer own the allocator: under them the test executables
+// leave calloc to the C library (gcc names the sanitizer by a macro, clang by a feature).
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define XAJMS_TEST_SANITIZER_ALLOCATOR 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define XAJMS_TEST_SANITIZER_ALLOCATOR 1
+#endif
+#endif
+
+// The nth calloc from now on (1 = the next) returns null. Allocation faults are not
+// available while a sanitizer owns the allocator (the tests skip then).
 inline bool allocationFaultsAvailable() {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef XAJMS_TEST_SANITIZER_ALLOCATOR
     return false;
 #else
     return true;
