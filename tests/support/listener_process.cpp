@@ -11,11 +11,15 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <utility>
 
 extern char **environ;
+
+// Provided by the sanitizers' run-time only.
+extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
 
 namespace xajms::test {
 namespace {
@@ -62,7 +66,34 @@ bool drain(int fd, std::string &to, long long deadline) {
     return false;
 }
 
+// Listeners not yet reaped. A sanitizer that ends the test at its first report kills them
+// first: a listener left behind would keep ctest's output pipe open, and ctest waits for it.
+std::array<std::atomic<pid_t>, 64> running{};
+
+void killRunning() {
+    for (std::atomic<pid_t> &pid : running) {
+        if (const pid_t p = pid.exchange(0); p > 0) {
+            kill(p, SIGKILL);
+        }
+    }
+}
+
+void track(pid_t pid) {
+    static const bool registered = __sanitizer_set_death_callback != nullptr &&
+                                   (__sanitizer_set_death_callback(killRunning), true);
+    for (std::atomic<pid_t> &slot : running) {
+        pid_t empty = 0;
+        if (registered && slot.compare_exchange_strong(empty, pid)) {
+            return;
+        }
+    }
+}
+
 int reap(pid_t pid) {
+    for (std::atomic<pid_t> &slot : running) {
+        pid_t tracked = pid;
+        slot.compare_exchange_strong(tracked, 0);
+    }
     int status = 0;
     if (TEMP_FAILURE_RETRY(waitpid(pid, &status, 0)) < 0) {
         return -1;
@@ -117,6 +148,9 @@ ToolRun runTool(const std::string &path, const std::vector<std::string> &args) {
 
 ListenerProcess::ListenerProcess(const std::vector<std::string> &args) {
     pid_ = spawn(listenerPath(), args, out_, STDERR_FILENO);
+    if (pid_ > 0) {
+        track(pid_);
+    }
     const std::optional<std::string> first = pid_ > 0 ? nextLine(kStartLimitMs) : std::nullopt;
     char after = 0;  // nothing may follow the number
     if (first && std::sscanf(first->c_str(), "port=%d%c", &port_, &after) != 1) {
