@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 extern "C" {
 char jmstracefile[512] = "NoTrace";
@@ -16,10 +17,18 @@ char vStrTraceFile_jms[512] = "TraceFile";
 
 namespace xajms::trace {
 
+// Every pool lock copies the socket prefix again while other threads trace through it, so
+// the prefix is written only when the variable no longer matches it: an unchanged prefix is
+// only ever read, never rewritten under a reader.
 void copyFromEnvironment(char *prefix) {
     const char *value = std::getenv(kTraceVariable);
-    if (value != nullptr) {
-        std::snprintf(prefix, kTextSize, "%.486s", value);
+    if (value == nullptr) {
+        return;
+    }
+    char copy[kTextSize];
+    std::snprintf(copy, sizeof copy, "%.486s", value);
+    if (std::strncmp(copy, prefix, kTextSize) != 0) {
+        std::memcpy(prefix, copy, std::strlen(copy) + 1);
     }
 }
 
