@@ -1,39 +1,25 @@
 // The decoders on arbitrary bytes: getInt_jms and getLong_jms on the first bytes, and
 // extractXIDs_jms on records shaped as the reply reader hands them over (the count first,
 // then records that recordsFit accepted). Each XID extracted flattens back to its record.
-#include <cstdlib>
-#include <cstring>
-
 #include "common.h"
 #include "protocol/protocol.h"
 
 namespace fuzz = xajms::fuzz;
 
-namespace {
-
-// A decoded value encodes back to the same bytes: always for 4 bytes, and for 8 bytes when
-// bit 31 of the lower word is clear (getLong_jms adds that word as a signed one, kept so).
-void checkRoundTrips(const uint8_t *bytes) {
-    unsigned char again[8];
-    setInt_jms(again, getInt_jms(bytes));
-    if (std::memcmp(again, bytes, 4) != 0) {
-        fuzz::fail("getInt_jms and setInt_jms disagree");
-    }
-    setLong_jms(again, getLong_jms(bytes));
-    if ((bytes[4] & 0x80) == 0 && std::memcmp(again, bytes, 8) != 0) {
-        fuzz::fail("getLong_jms and setLong_jms disagree");
-    }
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    uint8_t head[8] = {};
-    std::memcpy(head, data, size < sizeof head ? size : sizeof head);
-    checkRoundTrips(head);
+    uint8_t head[8] = {}, again[8];
+    std::memcpy(head, data, std::min(size, sizeof head));
+    // A value encodes back to the bytes it was read from: always for 4 bytes, and for 8 when
+    // bit 31 of the lower word is clear (getLong_jms adds that word as a signed one, kept so).
+    setInt_jms(again, getInt_jms(head));
+    const bool intBack = std::memcmp(again, head, 4) == 0;
+    setLong_jms(again, getLong_jms(head));
+    if (!intBack || ((head[4] & 0x80) == 0 && std::memcmp(again, head, 8) != 0)) {
+        fuzz::fail("a decoder and its encoder disagree");
+    }
     const int count = getInt_jms(head);
-    const uint8_t *records = data + (size < 4 ? size : 4);
-    const long length = size < 4 ? 0 : static_cast<long>(size - 4);
+    const uint8_t *records = data + std::min<size_t>(size, 4);
+    const long length = static_cast<long>(size - std::min<size_t>(size, 4));
     if (!xajms::protocol::recordsFit(records, length, count)) {
         return 0;
     }

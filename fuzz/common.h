@@ -1,63 +1,71 @@
-// What the fuzz targets share: a private /var/orlom with the trace file inside it, the
-// registry file written afresh, a pool whose sockets are socket pairs pre-loaded with a
-// listener's answer, and XIDs cut from arbitrary bytes.
+// What the fuzz targets add to the tests' support code: the private /var/orlom entered or
+// the run ended, the trace emptied between inputs, pooled listeners that end after their
+// answer, and inputs cut into fields.
 #pragma once
 
 #include <xajms/xajms.h>
 
-#include <cstddef>
-#include <cstdint>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <span>
-#include <utility>
-#include <vector>
+
+#include "support/loopback.h"
+#include "support/orlom.h"
+#include "support/scripted_listener.h"
 
 namespace xajms::fuzz {
 
-// The process id that getpid() reports in a fuzz binary, so that registry rows can name
-// this process.
-inline constexpr int kPid = 4242;
-
-// Moves the process into a private mount namespace with an empty tmpfs on /var/orlom and
-// switches both trace prefixes on into a file inside it. Ends the run when that is not
-// possible: a fuzz target must never touch the machine's registry file. Call it from
-// LLVMFuzzerInitialize, before any thread starts.
-void enterPrivateOrlom();
-
-// Empties the trace file, so that it does not grow over the run.
-void discardTrace();
-
-// Forgets the mapping the library holds (unmapped, descriptor closed, the three globals as
-// at load), so that the next look-up attaches the file afresh.
-void forgetRegistry();
-
-// Writes the registry file with exactly these bytes, after forgetting the mapping.
-void writeRegistryFile(std::span<const uint8_t> bytes);
-
-// Writes a formatted registry file of full size with one row per (mode, port) pair and the
-// row count set to their number. Written in place, so that a mapping sees it at once.
-void writeRegistryRows(const std::vector<std::pair<int, int>> &rows);
-
-// Puts a socket pair into the pool as the one idle socket of the port and pre-loads the
-// other end with the answer, followed by end of file. Returns the other end.
-int poolPeer(int port, std::span<const uint8_t> answer);
-
-// Closes every descriptor the pool still holds and empties its table.
-void emptyPool();
-
-// Ports on 127.0.0.1 that are bound but not listening: every connect to them is refused.
-std::vector<int> refusingPorts(int count);
-
-// The number of open sockets of the process.
-int openSockets();
-
-// Closes the TCP sockets that failed to connect, which the library leaves open on purpose,
-// except those of refusingPorts(); returns how many it closed.
-int closeUnconnectedSockets();
-
-// The first sizeof(XID) bytes as an XID, zero-padded when fewer; `rest` gets what follows.
-XID xidFrom(std::span<const uint8_t> bytes, std::span<const uint8_t> &rest);
+inline constexpr char kTracePrefix[] = "/var/orlom/fuzz-trace.";
 
 // Ends the run with a message: an input broke a property the target checks.
-[[noreturn]] void fail(const char *what);
+[[noreturn]] inline void fail(const char *what) {
+    std::fprintf(stderr, "fuzz: %s\n", what);
+    std::abort();
+}
+
+// Empties the trace file and its depth, so that the trace does not grow over the run.
+inline void discardTrace() {
+    test::enableSocketTrace(kTracePrefix);
+}
+
+// Enters a private /var/orlom with both trace prefixes on, or ends the run: a fuzz target
+// must never touch the machine's registry file. Call it before any thread starts.
+inline void enterPrivateOrlom() {
+    if (const std::string why = test::enterPrivateOrlom(); !why.empty()) {
+        fail(why.c_str());
+    }
+    test::occupyDescriptorZero();
+    discardTrace();
+    ZJavaInitRecoverJMS();  // copies the prefix for the switch's trace as well
+}
+
+// Pools a listener for the port that sends `answer` and then ends; returns its end.
+inline int pooledListener(int port, std::span<const uint8_t> answer) {
+    const int peer = test::poolPeer(port, test::Bytes(answer.begin(), answer.end()));
+    if (peer < 0 || shutdown(peer, SHUT_WR) != 0) {
+        fail("cannot pool a listener");
+    }
+    return peer;
+}
+
+// Closes every socket of the pool and empties its table for the next input.
+inline void emptyPool() {
+    poolClear_jms(-1);
+    processConnectionPool_jms = ConnectionPool{};
+    test::occupyDescriptorZero();  // the clear closes descriptor 0 for an emptied slot
+}
+
+// Copies the first bytes of `in` over `out`, which keeps its value where they run short, and
+// drops them from `in`.
+template <typename T>
+void take(std::span<const uint8_t> &in, T &out) {
+    const size_t used = std::min(in.size(), sizeof out);
+    std::memcpy(&out, in.data(), used);
+    in = in.subspan(used);
+}
 
 }  // namespace xajms::fuzz

@@ -1,11 +1,6 @@
-// A recover reply of any shape, fed to receiveRecoverMsg_jms through a socket pair that ends
-// after it: whatever the listener announced, the XIDs handed back lie within their data
-// areas, and a reply that is refused leaves XAER_RMFAIL and no XIDs.
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cstdlib>
-
+// A recover reply of any shape, fed to receiveRecoverMsg_jms through a pooled socket pair
+// that ends after it: whatever the listener announced, the XIDs handed back lie within their
+// data areas, and a reply that is refused leaves XAER_RMFAIL and no XIDs.
 #include "common.h"
 
 namespace fuzz = xajms::fuzz;
@@ -20,12 +15,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         return -1;  // more than a socket pair holds without a reader
     }
     fuzz::discardTrace();
-    const int peer = fuzz::poolPeer(1, {data, size});
-    const int sockfd = processConnectionPool_jms.row[0].slot[0].sockfd;
+    const int peer = fuzz::pooledListener(1, {data, size});
     int count = -1;
     int rc = 1;
     unsigned char buffer[1024];
-    XID *xids = receiveRecoverMsg_jms(sockfd, &count, buffer, &rc);
+    XID *xids =
+        receiveRecoverMsg_jms(processConnectionPool_jms.row[0].slot[0].sockfd, &count, buffer, &rc);
     if (xids == nullptr ? rc != XA_OK && rc != XAER_RMFAIL : rc != XA_OK || count < 1) {
         fuzz::fail("the result does not match the code");
     }

@@ -85,9 +85,14 @@ void writeRegistry(const std::vector<std::pair<int, int>> &rows) {
         file->row[r] = registry::Row{1, 0, rows[r].second, rows[r].first, {}, {}};
         std::snprintf(file->row[r].ExGrp, sizeof file->row[r].ExGrp, "eg%zu", r);
     }
+    writeRegistryBytes({reinterpret_cast<const unsigned char *>(file.get()), sizeof *file});
+}
+
+void writeRegistryBytes(std::span<const unsigned char> bytes) {
     const int fd = open(registry::kPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (fd >= 0) {
-        (void)!pwrite(fd, file.get(), sizeof *file, 0);
+        (void)!pwrite(fd, bytes.data(), bytes.size(), 0);
+        (void)!ftruncate(fd, static_cast<off_t>(bytes.size()));
         close(fd);
     }
 }

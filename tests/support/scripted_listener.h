@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -28,6 +29,8 @@ Bytes received(int peer);
 // Writes the registry file /var/orlom/XA_SWITCH_MMF afresh: signature, one row per
 // (mode, port) pair in order, row count = number of rows. Call inside enterPrivateOrlom().
 void writeRegistry(const std::vector<std::pair<int, int>> &rows);
+// Makes the registry file exactly `bytes`, written in place so that a mapping sees them.
+void writeRegistryBytes(std::span<const unsigned char> bytes);
 // The mode of a row as the file holds it now.
 int registryMode(int row);
 
