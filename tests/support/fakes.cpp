@@ -1,14 +1,28 @@
 // The interposed C library calls of the test executables.
 #include "support/fakes.h"
 
+#include <fcntl.h>
+
+#include <cstdarg>
+
 using xajms::test::Fakes;
 
 extern "C" {
 
 #ifndef XAJMS_TEST_SANITIZER_ALLOCATOR
+// The C library's own entry points: they never call back into these, so dlsym (which calls
+// calloc) works while they are interposed.
+void *__libc_malloc(size_t size);
 void *__libc_calloc(size_t count, size_t size);
+
+static bool failThisAllocation() {
+    return Fakes::failAt > 0 && --Fakes::failAt == 0;
+}
+void *malloc(size_t size) noexcept {
+    return failThisAllocation() ? nullptr : __libc_malloc(size);
+}
 void *calloc(size_t count, size_t size) noexcept {
-    return Fakes::failAt > 0 && --Fakes::failAt == 0 ? nullptr : __libc_calloc(count, size);
+    return failThisAllocation() ? nullptr : __libc_calloc(count, size);
 }
 #endif
 
@@ -52,6 +66,17 @@ int poll(struct pollfd *fds, nfds_t count, int timeout) {
 ssize_t recv(int fd, void *buffer, size_t length, int flags) {
     return Fakes::recv ? Fakes::recv(fd, buffer, length, flags)
                        : xajms::test::realRecv(fd, buffer, length, flags);
+}
+
+int open(const char *path, int flags, ...) {
+    mode_t mode = 0;
+    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
+        va_list args;
+        va_start(args, flags);
+        mode = va_arg(args, mode_t);
+        va_end(args);
+    }
+    return Fakes::open ? Fakes::open(path, flags, mode) : xajms::test::realOpen(path, flags, mode);
 }
 
 void *dlopen(const char *file, int mode) noexcept {

@@ -1,7 +1,8 @@
-// Fakes of the C library calls that make tests slow or unrepeatable. tests/support/fakes.cpp
-// defines sleep, time, gettimeofday, getpid, poll, recv, dlopen and calloc in the test
-// executables, so that libxajms's calls land there first. sleep never sleeps: it counts, and
-// moves the fake clock on while that is armed. The others forward to the C library until armed.
+// Fakes of the C library calls that make tests slow, unrepeatable or hard to fail.
+// tests/support/fakes.cpp defines sleep, time, gettimeofday, getpid, poll, recv, dlopen, open,
+// malloc and calloc in the test executables, so that libxajms's calls land there first.
+// sleep never sleeps: it counts, and moves the fake clock on while that is armed. The others
+// forward to the C library until armed.
 #pragma once
 
 #include <dlfcn.h>
@@ -18,6 +19,7 @@ namespace xajms::test {
 using PollScript = std::function<int(pollfd *, nfds_t, int)>;
 using RecvScript = std::function<ssize_t(int, void *, size_t, int)>;
 using DlopenScript = std::function<void *(const char *, int)>;
+using OpenScript = std::function<int(const char *, int, mode_t)>;
 
 // The state that the interposed calls read.
 struct Fakes {
@@ -30,6 +32,7 @@ struct Fakes {
     static inline PollScript poll;
     static inline RecvScript recv;
     static inline DlopenScript dlopen;
+    static inline OpenScript open;
 
     template <typename Fn>
     static Fn next(const char *name) {
@@ -61,7 +64,8 @@ inline void resetSleeps() {
     Fakes::slept = 0;
 }
 
-// While set, poll(), recv() and dlopen() call the script instead; it may call real*() itself.
+// While set, poll(), recv(), dlopen() and open() call the script instead; it may call real*()
+// itself.
 inline void setPoll(PollScript script) {
     Fakes::poll = std::move(script);
 }
@@ -71,10 +75,14 @@ inline void setRecv(RecvScript script) {
 inline void setDlopen(DlopenScript script) {
     Fakes::dlopen = std::move(script);
 }
+inline void setOpen(OpenScript script) {
+    Fakes::open = std::move(script);
+}
 inline void clearScripts() {
     Fakes::poll = nullptr;
     Fakes::recv = nullptr;
     Fakes::dlopen = nullptr;
+    Fakes::open = nullptr;
 }
 inline int realPoll(pollfd *fds, nfds_t count, int timeout) {
     static auto fn = Fakes::next<int (*)(pollfd *, nfds_t, int)>("poll");
@@ -88,6 +96,10 @@ inline void *realDlopen(const char *file, int mode) {
     static auto fn = Fakes::next<void *(*)(const char *, int)>("dlopen");
     return fn(file, mode);
 }
+inline int realOpen(const char *path, int flags, mode_t mode) {
+    static auto fn = Fakes::next<int (*)(const char *, int, ...)>("open");
+    return fn(path, flags, mode);
+}
 
 // AddressSanitizer and ThreadSanitizer own the allocator: under them the test executables
 // leave calloc to the C library (gcc names the sanitizer by a macro, clang by a feature).
@@ -99,8 +111,9 @@ inline void *realDlopen(const char *file, int mode) {
 #endif
 #endif
 
-// The nth calloc from now on (1 = the next) returns null. Allocation faults are not
-// available while a sanitizer owns the allocator (the tests skip then).
+// The nth malloc or calloc from now on (1 = the next) returns null; 0 disarms. After a run,
+// allocationsLeft() > 0 tells that the run made fewer allocations than that. Allocation
+// faults are not available while a sanitizer owns the allocator (the tests skip then).
 inline bool allocationFaultsAvailable() {
 #ifdef XAJMS_TEST_SANITIZER_ALLOCATOR
     return false;
@@ -110,6 +123,9 @@ inline bool allocationFaultsAvailable() {
 }
 inline void failAllocation(int nth) {
     Fakes::failAt = nth;
+}
+inline int allocationsLeft() {
+    return Fakes::failAt;
 }
 
 }  // namespace xajms::test
