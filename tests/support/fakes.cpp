@@ -4,6 +4,7 @@
 #include <fcntl.h>
 
 #include <cstdarg>
+#include <cstring>
 
 using xajms::test::Fakes;
 
@@ -15,14 +16,25 @@ extern "C" {
 void *__libc_malloc(size_t size);
 void *__libc_calloc(size_t count, size_t size);
 
-static bool failThisAllocation() {
-    return Fakes::failAt > 0 && --Fakes::failAt == 0;
+// Counts down only the allocations that libxajms makes itself: the C library's own, inside
+// the calls the library makes, are not the library's to handle.
+static bool failThisAllocation(const void *caller) {
+    if (Fakes::failAt <= 0) {
+        return false;
+    }
+    Dl_info info{};
+    if (dladdr(caller, &info) == 0 || info.dli_fname == nullptr ||
+        std::strstr(info.dli_fname, "libxajms") == nullptr) {
+        return false;
+    }
+    return --Fakes::failAt == 0;
 }
 void *malloc(size_t size) noexcept {
-    return failThisAllocation() ? nullptr : __libc_malloc(size);
+    return failThisAllocation(__builtin_return_address(0)) ? nullptr : __libc_malloc(size);
 }
 void *calloc(size_t count, size_t size) noexcept {
-    return failThisAllocation() ? nullptr : __libc_calloc(count, size);
+    return failThisAllocation(__builtin_return_address(0)) ? nullptr
+                                                           : __libc_calloc(count, size);
 }
 #endif
 

@@ -102,7 +102,7 @@ inline int realOpen(const char *path, int flags, mode_t mode) {
 }
 
 // AddressSanitizer and ThreadSanitizer own the allocator: under them the test executables
-// leave calloc to the C library (gcc names the sanitizer by a macro, clang by a feature).
+// leave malloc and calloc to the C library (gcc names the sanitizer by a macro, clang by a feature).
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define XAJMS_TEST_SANITIZER_ALLOCATOR 1
 #elif defined(__has_feature)
@@ -111,8 +111,8 @@ inline int realOpen(const char *path, int flags, mode_t mode) {
 #endif
 #endif
 
-// The nth malloc or calloc from now on (1 = the next) returns null; 0 disarms. After a run,
-// allocationsLeft() > 0 tells that the run made fewer allocations than that. Allocation
+// The nth malloc or calloc that libxajms makes from now on (1 = the next) returns null; 0
+// disarms. After a run, allocationsLeft() > 0 tells that it made fewer allocations. Allocation
 // faults are not available while a sanitizer owns the allocator (the tests skip then).
 inline bool allocationFaultsAvailable() {
 #ifdef XAJMS_TEST_SANITIZER_ALLOCATOR

@@ -98,6 +98,10 @@ TEST_F(Pool, GetPrefersAnIdleSocketAndRefusesThe31st) {
                                     "  XASocket poolGetNext_jms   Reached maximum sockets for "
                                     "port " +
                                         std::to_string(port) + " so retrying"));
+    int none = -5;
+    connectionSocketPool_jms(port, &none, 10);  // three attempts, a second of sleep after each
+    EXPECT_EQ(none, 0);
+    EXPECT_EQ(sleptSeconds(), 3U);
 }
 
 // Slot 0 is handed back; the return then shrinks the row by the share of idle sockets.

@@ -11,12 +11,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -159,6 +161,26 @@ TEST_F(Protocol, EachRequestTypeIsSentByteForByte) {
         connectionSocketPool_jms(-1, nullptr, 40);
         close(peer);
     }
+}
+
+// The close asks for the registry again at once, without sleeping, as long as it cannot be
+// attached; then it finds the start-up recovery port and sends.
+TEST_F(Protocol, CloseWaitsForTheRegistryWithoutSleeping) {
+    const int peer = poolPeer(5000, {});
+    writeRegistry({{kStartUp, 5000}});
+    int refused = 0;
+    setOpen([&](const char *path, int flags, mode_t mode) {
+        if (std::string_view(path) == "/var/orlom/XA_SWITCH_MMF" && refused < 1000) {
+            refused += 1;
+            errno = ENOENT;
+            return -1;
+        }
+        return realOpen(path, flags, mode);
+    });
+    sendXAClose_jms(nullptr, 7, 0);
+    EXPECT_EQ(refused, 1000);
+    EXPECT_EQ(sleepCalls(), 0);
+    EXPECT_EQ(received(peer), header(20, 0x2005, 7, 0));
 }
 
 TEST_F(Protocol, SendersMapTheFanOutResult) {

@@ -60,8 +60,13 @@ int open(std::string text, int rmid) {
     return xa_open_entry_jms(text.data(), rmid, TMNOFLAGS);
 }
 
+// The first open and the last close each empty the pool of every connection it holds.
 TEST(OpenTable, FirstStringPerRmidIsKeptAndOpensNestByCount) {
+    occupyDescriptorZero();
+    const SocketSlot &slot = processConnectionPool_jms.row[0].slot[0];
+    poolPeer(4000, {});
     EXPECT_EQ(open("queue=A", 5) + open("queue=B", 5) + open("queue=B", 6), XA_OK);
+    EXPECT_EQ(slot.sockfd, 0);
     ASSERT_NE(pRmidOpenstrTable, nullptr);
     EXPECT_EQ(pRmidOpenstrTable[0].rmid, 5U);
     EXPECT_STREQ(pRmidOpenstrTable[0].openstring, "queue=A");
@@ -69,9 +74,11 @@ TEST(OpenTable, FirstStringPerRmidIsKeptAndOpensNestByCount) {
     EXPECT_EQ(pRmidOpenstrTable[2].rmid, 999U);
     EXPECT_STREQ(pRmidOpenstrTable[2].openstring, " ");
     for (int left : {2, 1, 0, 0}) {  // the last close has no open
+        poolPeer(4000, {});
         EXPECT_EQ(xa_close_entry_jms(nullptr, 5, TMNOFLAGS), XA_OK);
         EXPECT_EQ(intXAOpen_jms, left);
         EXPECT_EQ(pRmidOpenstrTable != nullptr, left > 0);
+        EXPECT_EQ(slot.sockfd == 0, left == 0);
     }
 }
 
