@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <sched.h>
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -19,6 +18,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -71,22 +71,24 @@ std::string inChild(const std::function<std::string()> &run) {
 
 // The open descriptors of the process, descriptor 0 left out (an emptied pool slot closes it).
 int openDescriptors() {
-    int count = 0;
-    if (DIR *dir = opendir("/proc/self/fd")) {
-        while (readdir(dir) != nullptr) {
-            count += 1;
-        }
-        closedir(dir);
-    }
-    return count - 3 - (isOpen(0) ? 1 : 0);  // ".", ".." and the directory's own descriptor
+    const std::filesystem::directory_iterator fds("/proc/self/fd");
+    return static_cast<int>(std::distance(begin(fds), end(fds))) - 1 - (isOpen(0) ? 1 : 0);
 }
 
 std::string compare(const char *what, const Codes &got, const Codes &want) {
     return got == want ? "" : std::string(what) + " " + testing::PrintToString(got);
 }
 
-// What a listener does with the first request it reads; every later request is answered 0.
-enum class Fault { none, dies, answersLate, garbage, halfAnswer, resets };
+// What a listener does with the first request it reads: the bytes it writes back, then
+// whether it ends the connection, with a reset when asked; whether the library's wait for
+// them ends first (the fake poll times out). Every later request gets 0.
+struct Fault {
+    std::string_view answer;
+    bool ends = false;
+    bool resets = false;
+    bool late = false;
+};
+constexpr Fault kAnswers{{"\0\0\0\0", 4}};
 
 // A listener on a loopback port, in a thread of the child process.
 class Listener {
@@ -109,38 +111,18 @@ class Listener {
 
   private:
     void serve(Fault fault) {
-        for (int conn; (conn = accept(fd_, nullptr, nullptr)) >= 0;) {
+        for (int conn; (conn = accept(fd_, nullptr, nullptr)) >= 0; fault = kAnswers) {
             unsigned char request[512];
-            while (read(conn, request, sizeof request) > 0 && answer(conn, fault)) {
-                fault = Fault::none;
+            while (read(conn, request, sizeof request) > 0 &&
+                   write(conn, fault.answer.data(), fault.answer.size()) >= 0 && !fault.ends) {
+                fault = kAnswers;
+            }
+            const linger abort{1, 0};
+            if (fault.resets) {
+                setsockopt(conn, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
             }
             close(conn);
-            fault = Fault::none;
         }
-    }
-    // Returns false when the connection is to end.
-    static bool answer(int conn, Fault fault) {
-        const unsigned char ok[4] = {}, rolledBack[4] = {0, 0, 0, 100};
-        const unsigned char garbage[4] = {0xde, 0xad, 0xbe, 0xef};
-        switch (fault) {
-            case Fault::dies:
-                return false;
-            case Fault::halfAnswer:
-                (void)!write(conn, rolledBack, 2);
-                return false;
-            case Fault::resets: {
-                const linger abort{1, 0};
-                setsockopt(conn, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-                return false;
-            }
-            case Fault::garbage:
-                return write(conn, garbage, 4) == 4;
-            case Fault::answersLate:  // the library's wait has ended already (see the test)
-                return write(conn, rolledBack, 4) == 4;
-            case Fault::none:
-                return write(conn, ok, 4) == 4;
-        }
-        return false;
     }
     int fd_;
     int port_ = 0;
@@ -190,21 +172,20 @@ TEST_F(Faults, ListenerFaultsGiveTheirCodesAndTheNextCommitAFreshConnection) {
     };
     const int deadbeef = static_cast<int>(0xdeadbeefu);
     const Case cases[] = {
-        {"answers", Fault::none, false, {XA_OK, XA_OK}, 1},
-        {"dies before answering", Fault::dies, false, {XAER_RMFAIL, XA_OK}, 1},
-        {"answers after the deadline", Fault::answersLate, false, {XAER_RMFAIL, XA_OK}, 1},
-        {"answers garbage", Fault::garbage, false, {deadbeef, XA_OK}, 1},
-        {"answers half and closes", Fault::halfAnswer, false, {XAER_RMFAIL, XA_OK}, 1},
-        {"resets the connection", Fault::resets, false, {XAER_RMFAIL, XA_OK}, 1},
-        {"refuses connections", Fault::none, true, {XA_OK, XAER_RMFAIL}, 4},
+        {"answers", kAnswers, false, {XA_OK, XA_OK}, 1},
+        {"dies before answering", {"", true}, false, {XAER_RMFAIL, XA_OK}, 1},
+        {"answers late", {{"\0\0\0d", 4}, false, false, true}, false, {XAER_RMFAIL, XA_OK}, 1},
+        {"answers garbage", {"\xde\xad\xbe\xef"}, false, {deadbeef, XA_OK}, 1},
+        {"answers half and closes", {{"\0\0", 2}, true}, false, {XAER_RMFAIL, XA_OK}, 1},
+        {"resets the connection", {"", true, true}, false, {XAER_RMFAIL, XA_OK}, 1},
+        {"refuses connections", kAnswers, true, {XA_OK, XAER_RMFAIL}, 4},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(inChild([&] {
                       int waits = 0;
                       setPoll([&](pollfd *fds, nfds_t n, int timeout) {
-                          // The first wait of a late answer ends before the answer comes.
-                          const bool expired = c.fault == Fault::answersLate && waits++ == 0;
+                          const bool expired = c.fault.late && waits++ == 0;
                           return expired ? 0 : realPoll(fds, n, timeout);
                       });
                       return commitTwice(c.fault, c.refuses, [] {}, c.codes, c.keptOpen);
@@ -257,7 +238,7 @@ TEST_F(Faults, RegistryFileFaultsGiveTheirCodes) {
         EXPECT_EQ(inChild([&] {
                       const int sleeps = sleepCalls();
                       std::string report =
-                          commitTwice(Fault::none, false, c.damage, c.codes, c.keptOpen);
+                          commitTwice(kAnswers, false, c.damage, c.codes, c.keptOpen);
                       return report + compare("sleeps", {sleepCalls() - sleeps},
                                               {c.codes == unreached ? 6 : 0});
                   }),
@@ -316,7 +297,7 @@ TEST_F(Faults, TraceDirectoryThatCannotBeWrittenChangesNoCode) {
         EXPECT_EQ(inChild([&] {
                       setenv("XAJMS_TRACEFILE", prefix.c_str(), 1);
                       OrloStart();  // takes the switch's trace prefix from the variable
-                      return commitTwice(Fault::none, false, [] {}, {XA_OK, XA_OK}, 1);
+                      return commitTwice(kAnswers, false, [] {}, {XA_OK, XA_OK}, 1);
                   }),
                   "");
     }
