@@ -103,6 +103,9 @@ inline int realOpen(const char *path, int flags, mode_t mode) {
 
 // AddressSanitizer and ThreadSanitizer own the allocator: under them the test executables
 // leave malloc and calloc to the C library (gcc names the sanitizer by a macro, clang by a feature).
+#if defined(__SANITIZE_THREAD__)
+#define XAJMS_TEST_THREAD_SANITIZER 1
+#endif
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define XAJMS_TEST_SANITIZER_ALLOCATOR 1
 #elif defined(__has_feature)
