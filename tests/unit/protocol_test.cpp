@@ -5,7 +5,6 @@
 #include <xajms/xajms.h>
 
 #include <dlfcn.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <gtest/gtest.h>
@@ -26,16 +25,6 @@
 #include "support/loopback.h"
 #include "support/orlom.h"
 #include "support/scripted_listener.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitized = true;
-// Lets an allocation above 1 GiB fail with null instead of ending the test.
-extern "C" const char *__asan_default_options() {
-    return "allocator_may_return_null=1:max_allocation_size_mb=1024";
-}
-#else
-constexpr bool kSanitized = false;
-#endif
 
 namespace {
 
@@ -343,20 +332,6 @@ TEST(RecoverReply, NullArgumentsAreReplacedByTheRoutinesOwn) {
     EXPECT_EQ(xids[0].formatID, 5);
     std::free(xids);
     EXPECT_EQ(receiveXARC_jms(pair[0], nullptr), -4);
-}
-
-// A 2 GiB data area is refused: by an address-space limit, or, under the address sanitizer
-// (which reserves far more address space for itself), by its allocation limit.
-TEST(RecoverReply, AnAllocationThatFailsIsAFailedRead) {
-    rlimit saved{};
-    ASSERT_EQ(getrlimit(RLIMIT_AS, &saved), 0);
-    const rlimit tight{1024L * 1024 * 1024, saved.rlim_max};
-    ASSERT_TRUE(kSanitized || setrlimit(RLIMIT_AS, &tight) == 0);
-    const auto [xids, count, rc] = receive(recoverReply(1, 0x7fffffff, records({7})));
-    setrlimit(RLIMIT_AS, &saved);
-    EXPECT_EQ(xids, nullptr);
-    EXPECT_EQ(rc, -7);
-    EXPECT_EQ(count, kSentinel);
 }
 
 constexpr int kRefuses = -2;  // in a list of listeners: a port that refuses connections

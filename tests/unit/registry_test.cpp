@@ -22,13 +22,15 @@
 #include "registry/registry.h"
 #include "support/loopback.h"
 #include "support/orlom.h"
+#include "support/scripted_listener.h"
 #include "support/trace_file.h"
 
 namespace {
 
 using xajms::registry::File;
 namespace registry = xajms::registry;
-using Bytes = std::vector<char>;
+using xajms::test::Bytes;
+using xajms::test::writeRegistryBytes;
 
 int portOf(int r) {
     return 7000 + r;
@@ -58,11 +60,6 @@ Bytes readRegistry() {
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-void writeRegistry(const Bytes &bytes) {
-    std::ofstream(registry::kPath, std::ios::binary | std::ios::trunc)
-        .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
-
 std::vector<int> collect(int (*lookup)(void *, int *), File &file) {
     std::vector<int> ports(registry::kRows);
     ports.resize(static_cast<size_t>(lookup(&file, ports.data())));
@@ -76,7 +73,7 @@ class Registry : public ::testing::Test {
         if (const std::string why = xajms::test::enterPrivateOrlom(); !why.empty()) {
             GTEST_SKIP() << why;
         }
-        writeRegistry({});
+        writeRegistryBytes({});
         file = static_cast<File *>(GetSharedMemory_jms());
         ASSERT_NE(file, nullptr);
         shared_stuff = nullptr;
@@ -99,7 +96,7 @@ TEST_F(Registry, AttachAdoptsASignedFileAndFormatsAnyOther) {
     };
     for (const auto &[name, content, formats] : cases) {
         SCOPED_TRACE(name);
-        writeRegistry(content);
+        writeRegistryBytes(content);
         shared_stuff = nullptr;
 
         void *registryAddress = GetSharedMemory_jms();
@@ -117,14 +114,10 @@ TEST_F(Registry, AttachAdoptsASignedFileAndFormatsAnyOther) {
     }
 }
 
-// A missing file fails at the open. A file that stays shorter than the mapping is never
-// touched through it (that would raise SIGBUS): the attempt is refused and released. Every
-// failed attach is tried again by the next call.
+// A file that cannot be grown to the mapping's length is never touched through it (that
+// would raise SIGBUS): the attempt is refused and released, and the next call tries again.
 TEST_F(Registry, FailedAttachesAreRetriedAndAShortFileIsRefused) {
-    unlink(registry::kPath);
-    EXPECT_EQ(GetSharedMemory_jms(), nullptr);
-    EXPECT_EQ(hMapFile_jms, -1);
-    writeRegistry(Bytes(100, 'q'));
+    writeRegistryBytes(Bytes(100, 'q'));
     std::signal(SIGXFSZ, SIG_IGN);
     rlimit saved{};
     getrlimit(RLIMIT_FSIZE, &saved);

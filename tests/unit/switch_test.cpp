@@ -218,8 +218,7 @@ TEST_F(JniBridge, DeferredStartIsTracedStepByStep) {
 
     const auto data = [](int pad, const std::string &text) {
         return golden(pad, (pad == 1 ? "  Varnelink xa_start_entry_jms "
-                                     : "  Varnelink "
-                                       "GetJniSwitch_jms    ") +
+                                     : "  Varnelink GetJniSwitch_jms    ") +
                                text);
     };
     EXPECT_EQ(
