@@ -59,10 +59,6 @@ inline int sleepCalls() {
 inline unsigned sleptSeconds() {
     return Fakes::slept;
 }
-inline void resetSleeps() {
-    Fakes::sleeps = 0;
-    Fakes::slept = 0;
-}
 
 // While set, poll(), recv(), dlopen() and open() call the script instead; it may call real*()
 // itself.
