@@ -213,8 +213,8 @@ TEST_F(Faults, RegistryFileFaultsGiveTheirCodes) {
         };
     };
     auto readOnly = [] {
-        mount(kPath, kPath, nullptr, MS_BIND, nullptr);
-        mount(nullptr, kPath, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
+        mount(kPath, kPath, "none", MS_BIND, nullptr);
+        mount("none", kPath, "none", MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
     };
     auto unformatted = [] {
         writeRegistryBytes(std::vector<unsigned char>(sizeof(registry::File), 'q'));
@@ -289,8 +289,8 @@ TEST_F(Faults, TraceDirectoryThatCannotBeWrittenChangesNoCode) {
     TempDir dir;
     const std::string readOnlyDir = dir.path() + "/ro";
     std::filesystem::create_directory(readOnlyDir);
-    mount(readOnlyDir.c_str(), readOnlyDir.c_str(), nullptr, MS_BIND, nullptr);
-    mount(nullptr, readOnlyDir.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
+    mount(readOnlyDir.c_str(), readOnlyDir.c_str(), "none", MS_BIND, nullptr);
+    mount("none", readOnlyDir.c_str(), "none", MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
     for (const std::string &prefix : {dir.path() + "/missing/x", readOnlyDir + "/x",
                                       std::string(600, 'p')}) {
         SCOPED_TRACE(prefix.substr(0, 60));
