@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include <sched.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -62,17 +63,9 @@ std::string inChild(const std::function<std::string()> &run) {
     close(out[0]);
     int status = 0;
     waitpid(pid, &status, 0);
-    if (WIFSIGNALED(status)) {
-        return report + " killed by signal " + std::to_string(WTERMSIG(status));
-    }
-    return WEXITSTATUS(status) == 0 ? report
-                                    : report + " exit status " + std::to_string(WEXITSTATUS(status));
-}
-
-// The open descriptors of the process, descriptor 0 left out (an emptied pool slot closes it).
-int openDescriptors() {
-    const std::filesystem::directory_iterator fds("/proc/self/fd");
-    return static_cast<int>(std::distance(begin(fds), end(fds))) - 1 - (isOpen(0) ? 1 : 0);
+    const bool killed = WIFSIGNALED(status);
+    const int code = killed ? WTERMSIG(status) : WEXITSTATUS(status);
+    return code == 0 ? report : report + (killed ? " signal " : " exit ") + std::to_string(code);
 }
 
 std::string compare(const char *what, const Codes &got, const Codes &want) {
@@ -93,25 +86,16 @@ constexpr Fault kAnswers{{"\0\0\0\0", 4}};
 // A listener on a loopback port, in a thread of the child process.
 class Listener {
   public:
-    explicit Listener(Fault fault) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t length = sizeof address;
-        bind(fd_, reinterpret_cast<sockaddr *>(&address), length);
-        listen(fd_, 8);
-        getsockname(fd_, reinterpret_cast<sockaddr *>(&address), &length);
-        port_ = ntohs(address.sin_port);
-        thread_ = std::thread([this, fault] { serve(fault); });
-    }
+    explicit Listener(Fault fault) : thread_([this, fault] { serve(fault); }) {}
     ~Listener() {
-        shutdown(fd_, SHUT_RDWR);
+        shutdown(socket_.fd(), SHUT_RDWR);
         thread_.join();
-        close(fd_);
     }
-    int port() const { return port_; }
+    int port() const { return socket_.port(); }
 
   private:
     void serve(Fault fault) {
-        for (int conn; (conn = accept(fd_, nullptr, nullptr)) >= 0; fault = kAnswers) {
+        for (int conn; (conn = accept(socket_.fd(), nullptr, nullptr)) >= 0; fault = kAnswers) {
             unsigned char request[512];
             while (read(conn, request, sizeof request) > 0 &&
                    write(conn, fault.answer.data(), fault.answer.size()) >= 0 && !fault.ends) {
@@ -124,29 +108,56 @@ class Listener {
             close(conn);
         }
     }
-    int fd_;
-    int port_ = 0;
+    LoopbackPort socket_;
     std::thread thread_;
 };
 
-// Writes the registry with one broker row for a listener with the fault (or for a port that
-// refuses connections), damages the file, commits twice and closes the pool. Returns how the
-// codes and the descriptors left open, once the listener is gone, differ from those wanted.
-std::string commitTwice(Fault fault, bool refuses, const std::function<void()> &damage,
-                        const Codes &want, int keptOpen) {
+void mountReadOnly(const char *path) {
+    mount(path, path, "none", MS_BIND, nullptr);
+    mount("none", path, "none", MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
+}
+
+// One broker row for a listener with the fault (or for a port that refuses connections), the
+// file then damaged; two commits, whose codes, the seconds slept between retries and the
+// descriptors left open once the listener is gone are compared with those wanted.
+const std::function<void()> kIntact = [] {};
+struct Case {
+    const char *name;
+    Codes codes;
+    int keptOpen;
+    int sleeps;
+    std::function<void()> damage = kIntact;
+    Fault fault = kAnswers;
+    bool refuses = false;
+};
+
+std::string commitTwice(const Case &c) {
     const int before = openDescriptors();
+    const int sleeps = sleepCalls();
+    int waits = 0;
+    setPoll([&](pollfd *fds, nfds_t n, int timeout) {
+        return c.fault.late && waits++ == 0 ? 0 : realPoll(fds, n, timeout);
+    });
     Codes got;
     {
-        Listener listener(fault);
+        Listener listener(c.fault);
         LoopbackPort refusing(false);
-        writeRegistry({{registry::kModeBroker, refuses ? refusing.port() : listener.port()}});
-        damage();
+        writeRegistry({{registry::kModeBroker, c.refuses ? refusing.port() : listener.port()}});
+        c.damage();
         got = {xa_commit_entry_jms(&xid, 1, TMNOFLAGS), xa_commit_entry_jms(&xid, 1, TMNOFLAGS)};
         poolClear_jms(-1);
     }
     occupyDescriptorZero();
-    return compare("codes", got, want) +
-           compare("descriptors left", {openDescriptors() - before}, {keptOpen});
+    return compare("codes", got, c.codes) + compare("sleeps", {sleepCalls() - sleeps}, {c.sleeps}) +
+           compare("descriptors left", {openDescriptors() - before}, {c.keptOpen});
+}
+
+// Each case in a child process of its own.
+void commitTwiceEach(std::span<const Case> cases) {
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(inChild([&] { return commitTwice(c); }), "");
+    }
 }
 
 class Faults : public ::testing::Test {
@@ -160,50 +171,28 @@ class Faults : public ::testing::Test {
 };
 
 // A commit reaches one broker listener that misbehaves on its first request; the second
-// commit finds it well again. A refused connect leaves its descriptor open, as the pool's get
-// tries three times; the dead port is then marked, so the second commit finds no listener.
+// commit finds it well again on a fresh connection. A refused connect leaves its descriptor
+// open each of the three times the pool's get tries, a second apart; the port is then marked
+// dead, so the second commit finds no listener in the fan-out's three looks.
 TEST_F(Faults, ListenerFaultsGiveTheirCodesAndTheNextCommitAFreshConnection) {
-    struct Case {
-        const char *name;
-        Fault fault;
-        bool refuses;
-        Codes codes;
-        int keptOpen;
-    };
-    const int deadbeef = static_cast<int>(0xdeadbeefu);
+    const Codes failsOnce = {XAER_RMFAIL, XA_OK};
+    const int garbage = static_cast<int>(0xdeadbeefu);
     const Case cases[] = {
-        {"answers", kAnswers, false, {XA_OK, XA_OK}, 1},
-        {"dies before answering", {"", true}, false, {XAER_RMFAIL, XA_OK}, 1},
-        {"answers late", {{"\0\0\0d", 4}, false, false, true}, false, {XAER_RMFAIL, XA_OK}, 1},
-        {"answers garbage", {"\xde\xad\xbe\xef"}, false, {deadbeef, XA_OK}, 1},
-        {"answers half and closes", {{"\0\0", 2}, true}, false, {XAER_RMFAIL, XA_OK}, 1},
-        {"resets the connection", {"", true, true}, false, {XAER_RMFAIL, XA_OK}, 1},
-        {"refuses connections", kAnswers, true, {XA_OK, XAER_RMFAIL}, 4},
+        {"answers", {XA_OK, XA_OK}, 1, 0},
+        {"dies before answering", failsOnce, 1, 0, kIntact, {"", true}},
+        {"answers late", failsOnce, 1, 0, kIntact, {{"\0\0\0d", 4}, false, false, true}},
+        {"answers garbage", {garbage, XA_OK}, 1, 0, kIntact, {"\xde\xad\xbe\xef"}},
+        {"answers half and closes", failsOnce, 1, 0, kIntact, {{"\0\0", 2}, true}},
+        {"resets the connection", failsOnce, 1, 0, kIntact, {"", true, true}},
+        {"refuses connections", {XA_OK, XAER_RMFAIL}, 4, 6, kIntact, kAnswers, true},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(inChild([&] {
-                      int waits = 0;
-                      setPoll([&](pollfd *fds, nfds_t n, int timeout) {
-                          const bool expired = c.fault.late && waits++ == 0;
-                          return expired ? 0 : realPoll(fds, n, timeout);
-                      });
-                      return commitTwice(c.fault, c.refuses, [] {}, c.codes, c.keptOpen);
-                  }),
-                  "");
-    }
+    commitTwiceEach(cases);
 }
 
 // Whatever the registry file is, a commit returns a code; when the file lists no reachable
 // port the fan-out looks three times, a second apart. An attached file keeps its descriptor.
 TEST_F(Faults, RegistryFileFaultsGiveTheirCodes) {
     using registry::kPath;
-    struct Case {
-        const char *name;
-        std::function<void()> damage;
-        Codes codes;
-        int keptOpen;
-    };
     auto truncateTo = [](off_t size) { return [size] { (void)!truncate(kPath, size); }; };
     auto rowCount = [](int32_t count) {
         return [count] {
@@ -212,38 +201,24 @@ TEST_F(Faults, RegistryFileFaultsGiveTheirCodes) {
             close(fd);
         };
     };
-    auto readOnly = [] {
-        mount(kPath, kPath, "none", MS_BIND, nullptr);
-        mount("none", kPath, "none", MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
-    };
     auto unformatted = [] {
         writeRegistryBytes(std::vector<unsigned char>(sizeof(registry::File), 'q'));
     };
     const Codes unreached = {XAER_RMFAIL, XAER_RMFAIL};
     const Codes reached = {XA_OK, XA_OK};
     const Case cases[] = {
-        {"missing", [] { unlink(kPath); }, unreached, 0},
-        {"zero length", truncateTo(0), unreached, 1},
-        {"short, its rows kept", truncateTo(200), reached, 1},
-        {"unformatted", unformatted, unreached, 1},
-        {"read-only", readOnly, unreached, 0},
-        {"row count -1", rowCount(-1), unreached, 1},
-        {"row count 0", rowCount(0), reached, 1},
-        {"row count 499", rowCount(499), reached, 1},
-        {"row count 500", rowCount(500), reached, 1},
-        {"row count 2147483647", rowCount(INT_MAX), reached, 1},
+        {"missing", unreached, 0, 6, [] { unlink(kPath); }},
+        {"zero length", unreached, 1, 6, truncateTo(0)},
+        {"short, its rows kept", reached, 1, 0, truncateTo(200)},
+        {"unformatted", unreached, 1, 6, unformatted},
+        {"read-only", unreached, 0, 6, [] { mountReadOnly(kPath); }},
+        {"row count -1", unreached, 1, 6, rowCount(-1)},
+        {"row count 0", reached, 1, 0, rowCount(0)},
+        {"row count 499", reached, 1, 0, rowCount(499)},
+        {"row count 500", reached, 1, 0, rowCount(500)},
+        {"row count 2147483647", reached, 1, 0, rowCount(INT_MAX)},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(inChild([&] {
-                      const int sleeps = sleepCalls();
-                      std::string report =
-                          commitTwice(kAnswers, false, c.damage, c.codes, c.keptOpen);
-                      return report + compare("sleeps", {sleepCalls() - sleeps},
-                                              {c.codes == unreached ? 6 : 0});
-                  }),
-                  "");
-    }
+    commitTwiceEach(cases);
 }
 
 // A queue manager's whole run with the library's nth allocation failing, for n = 1, 2, ...
@@ -289,18 +264,19 @@ TEST_F(Faults, TraceDirectoryThatCannotBeWrittenChangesNoCode) {
     TempDir dir;
     const std::string readOnlyDir = dir.path() + "/ro";
     std::filesystem::create_directory(readOnlyDir);
-    mount(readOnlyDir.c_str(), readOnlyDir.c_str(), "none", MS_BIND, nullptr);
-    mount("none", readOnlyDir.c_str(), "none", MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
-    for (const std::string &prefix : {dir.path() + "/missing/x", readOnlyDir + "/x",
-                                      std::string(600, 'p')}) {
-        SCOPED_TRACE(prefix.substr(0, 60));
-        EXPECT_EQ(inChild([&] {
-                      setenv("XAJMS_TRACEFILE", prefix.c_str(), 1);
-                      OrloStart();  // takes the switch's trace prefix from the variable
-                      return commitTwice(kAnswers, false, [] {}, {XA_OK, XA_OK}, 1);
-                  }),
-                  "");
-    }
+    mountReadOnly(readOnlyDir.c_str());
+    auto traceTo = [](std::string prefix) {
+        return [prefix] {
+            setenv("XAJMS_TRACEFILE", prefix.c_str(), 1);
+            OrloStart();  // takes the switch's trace prefix from the variable
+        };
+    };
+    const Case cases[] = {
+        {"missing directory", {XA_OK, XA_OK}, 1, 0, traceTo(dir.path() + "/missing/x")},
+        {"read-only directory", {XA_OK, XA_OK}, 1, 0, traceTo(readOnlyDir + "/x")},
+        {"prefix too long", {XA_OK, XA_OK}, 1, 0, traceTo(std::string(600, 'p'))},
+    };
+    commitTwiceEach(cases);
     umount(readOnlyDir.c_str());
     EXPECT_TRUE(std::filesystem::is_empty(readOnlyDir));
 }

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <set>
 #include <thread>
@@ -31,11 +30,6 @@ long commitsPerThread() {
     const char *text = std::getenv("XAJMS_STRESS_COMMITS");
     const long commits = text != nullptr ? std::strtol(text, nullptr, 10) : 10000;
     return commits > 0 ? commits : 10000;
-}
-
-long openDescriptors() {
-    const std::filesystem::directory_iterator fds("/proc/self/fd");
-    return std::distance(begin(fds), end(fds));
 }
 
 // Without and with the socket trace (its depth and prefix shared by the threads).
@@ -65,7 +59,7 @@ TEST_P(Stress, ConcurrentCommitsGiveDefinedCodesAndLeaveThePoolConsistent) {
     xajms::test::ListenerProcess pending(
         {"--mode", "pending", "--drop-every", std::to_string(kDropEvery), "--quiet"});
     ASSERT_TRUE(broker.started() && pending.started());
-    const long before = openDescriptors();
+    const int before = xajms::test::openDescriptors();
     const long commits = traced ? std::max(1L, commitsPerThread() / 100) : commitsPerThread();
     // A failed read closes the sockets other threads hold; one whose descriptor went to another
     // thread's connection may wait for an answer that thread reads: 60 s, cut to 200 ms.
@@ -120,7 +114,7 @@ TEST_P(Stress, ConcurrentCommitsGiveDefinedCodesAndLeaveThePoolConsistent) {
             EXPECT_TRUE(slot.sockfd == 0 || pooled.insert(slot.sockfd).second);
         }
     }
-    EXPECT_LE(openDescriptors(), before + kListeners * xajms::pool::kMaxSockets);
+    EXPECT_LE(xajms::test::openDescriptors(), before + kListeners * xajms::pool::kMaxSockets);
 }
 
 INSTANTIATE_TEST_SUITE_P(, Stress, ::testing::Bool(),

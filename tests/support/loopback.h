@@ -35,6 +35,7 @@ class LoopbackPort {
     LoopbackPort(const LoopbackPort &) = delete;
     LoopbackPort &operator=(const LoopbackPort &) = delete;
     int port() const { return port_; }
+    int fd() const { return fd_; }
 
   private:
     int fd_;
@@ -43,6 +44,12 @@ class LoopbackPort {
 
 inline bool isOpen(int fd) {
     return fcntl(fd, F_GETFD) != -1;
+}
+
+// The open descriptors of the process, descriptor 0 left out (an emptied pool slot closes it).
+inline int openDescriptors() {
+    const std::filesystem::directory_iterator fds("/proc/self/fd");  // holds one itself
+    return static_cast<int>(std::distance(begin(fds), end(fds))) - 1 - (isOpen(0) ? 1 : 0);
 }
 
 // Opens descriptor 0 when it is closed, so that new sockets never land on the pool's "none".
