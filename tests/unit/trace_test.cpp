@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 #include <tuple>
 
@@ -41,6 +42,9 @@ TEST_F(Trace, EveryOperationWritesItsLayoutAtTheDepthOfItsCall) {
                      golden(3, "  XASocket inner   Xid bqual length=1  data=ff"),
                      golden(3, "} XASocket inner   rc=0"), golden(1, "} Varnelink outer ")}));
     EXPECT_EQ(iIndent, 0);
+    errno = EBADF;  // a trace file that cannot be opened leaves the caller's errno alone
+    traceJMSData("/nonexistent/t", "C", "f", "d");
+    EXPECT_EQ(errno, EBADF);
 }
 
 TEST_F(Trace, NullArgumentsCreateTheFileButWriteNothing) {
