@@ -1,29 +1,17 @@
-// Arbitrary XIDs, with the rmid and flags that follow them, through the XID dump of the
-// trace and the four completion senders. No registry file exists, so every sender must give
-// up with XAER_RMFAIL after its look-ups (whose sleeps cost nothing here).
+// Any XID, rmid and flags through the trace's XID dump and the four completion senders. With
+// no registry file every sender gives up with XAER_RMFAIL after its look-ups.
 #include "common.h"
 
-namespace fuzz = xajms::fuzz;
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::enterPrivateOrlom();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    fuzz::discardTrace();
+    xajms::fuzz::reset();
     std::span<const uint8_t> in{data, size};
-    XID xid{};
-    int rmid = 0;
-    long flags = 0;
-    fuzz::take(in, xid);
-    fuzz::take(in, rmid);
-    fuzz::take(in, flags);
-    traceJMSformattedXID(fuzz::kTracePrefix, "XASocket", "fuzz", &xid);
+    const XID xid = xajms::fuzz::take<XID>(in);
+    const int rmid = xajms::fuzz::take<int>(in);
+    const long flags = xajms::fuzz::take<long>(in);
+    traceJMSformattedXID(xajms::fuzz::kTracePrefix, "XASocket", "fuzz", &xid);
     for (auto send : {sendXAPrepare_jms, sendXACommit_jms, sendXARollback_jms, sendXAForget_jms}) {
-        if (send(&xid, rmid, flags) != XAER_RMFAIL) {
-            fuzz::fail("a sender without a registry did not fail");
-        }
+        xajms::fuzz::check(send(&xid, rmid, flags) == XAER_RMFAIL,
+                           "a sender without a registry did not fail");
     }
     return 0;
 }
