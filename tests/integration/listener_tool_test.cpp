@@ -74,28 +74,24 @@ TEST_F(Tools, RefuseBadCommandLinesWithOneLineAndStatusTwo) {
 
 TEST_F(Tools, ListenerRegistersItsRowAndEmptiesItOnEveryWayOut) {
     struct Case {
-        const char *what, *text;     // the file before: none for "", else this text, or when
-        std::vector<int32_t> modes;  // null a registry with rows of these modes (pid 1, port
-        int32_t rowCount;            // 1000 + the row) and this row count
+        const char *what, *text;     // the file before: this text, or when null a registry
+        std::vector<int32_t> modes;  // with rows of these modes (pid 1, port 1000 + the row)
+        int32_t rowCount;            // and this row count
         const char *mode;            // the listener's mode by name and by value, its row, the
         int32_t modeValue, row, count, signal;  // row count then, and the signal that stops it
     } cases[] = {
-        {"absent file is created", "", {}, 0, "broker", 2, 0, 1, SIGTERM},
-        {"short unsigned file is formatted", "not a registry", {}, 0, "pending", 4, 0, 1, SIGINT},
+        {"text is wiped", "a text longer than the signature", {}, 0, "pending", 4, 0, 1, SIGINT},
         {"first empty row below the count", nullptr, {2, 0, 2}, 3, "recovery", 1, 1, 3, SIGINT},
         {"a dead row is not reused", nullptr, {2, 3}, 2, "broker", 2, 2, 3, SIGTERM},
         {"a negative count is raised", nullptr, {}, -1, "pending", 4, 0, 1, SIGTERM},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        unlink(kPath.c_str());
         std::map<size_t, registry::Row> rows;
         for (size_t r = 0; r < c.modes.size(); ++r) {
             rows[r] = {1, 0, 1000 + static_cast<int32_t>(r), c.modes[r], {}, {}};
         }
-        if (c.text == nullptr || *c.text != '\0') {
-            std::ofstream(kPath) << (c.text != nullptr ? c.text : registryFile(c.rowCount, rows));
-        }
+        std::ofstream(kPath) << (c.text != nullptr ? c.text : registryFile(c.rowCount, rows));
         ListenerProcess listener({"--mode", c.mode, "--name", "EG1", "--quiet"});
         ASSERT_TRUE(listener.started());
         rows[c.row] = {listener.pid(), 0, listener.port(), c.modeValue, {}, "EG1"};
