@@ -36,7 +36,8 @@ TEST_P(Stress, ConcurrentCommitsGiveDefinedCodesAndLeaveThePoolConsistent) {
         GTEST_SKIP() << why;
     }
     const char *text = std::getenv("XAJMS_STRESS_COMMITS");
-    long commits = text != nullptr && std::atol(text) > 0 ? std::atol(text) : 10000;
+    const long asked = text != nullptr ? std::strtol(text, nullptr, 10) : 0;
+    long commits = asked > 0 ? asked : 10000;
     TempDir dir;
     if (GetParam()) {
         // Every trace line opens the trace file: a traced run makes a hundredth of the commits.
