@@ -90,6 +90,7 @@ TEST_F(Pool, ReturnShrinksByTheShareOfIdleSockets) {
     // Slot 0 is handed back to a row of: rows, slots in use, slots holding descriptor 0,
     // available; then rows, available and the slots emptied by the shrink
     const std::tuple<int, unsigned, unsigned, int, int, int, unsigned> cases[] = {
+        {5, 0x1, 0, 4, 5, 5, 0},  // all idle, but five sockets are kept
         {6, 0x7, 0, 3, 6, 4, 0},  // the reduction is truncated to none
         {10, 0x207, 0, 6, 10, 6, 1u << 8},
         {6, 0x3F, 0, 5, 6, 5, 0x1},               // drift: the walk goes down to slot 0
