@@ -8,13 +8,16 @@
 #include <string>
 
 #include "common.h"
+#include "protocol/protocol.h"
+#include "registry/registry.h"
 
 namespace fuzz = xajms::fuzz;
 using xajms::test::LoopbackPort;
 
 namespace {
 
-constexpr int kMsgTypes[] = {0x2002, 0x2003, 0x2004, 0x2008};  // prepare to forget
+constexpr int kMsgTypes[] = {xajms::protocol::kPrepare, xajms::protocol::kCommit,
+                             xajms::protocol::kRollback, xajms::protocol::kForget};
 LoopbackPort refusing[] = {LoopbackPort(false), LoopbackPort(false), LoopbackPort(false),
                            LoopbackPort(false)};
 // The open sockets but the known ones; true for those whose connect failed (IPv4, no peer).
@@ -46,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (int i = 0; i <= shape % 4; ++i) {
         const auto answer = in.first(std::min<size_t>(fuzz::take<uint8_t>(in), in.size()));
         in = in.subspan(answer.size());
-        rows.emplace_back(2, refusing[i].port());  // broker
+        rows.emplace_back(xajms::registry::kModeBroker, refusing[i].port());
         peers.push_back(xajms::test::poolPeer(rows.back().second, {answer.begin(), answer.end()}));
         shutdown(peers.back(), SHUT_WR);
     }

@@ -119,7 +119,7 @@ TEST_F(JniBridge, StartReplaysTheStoredOpenOnceAndFollowsJavaUnlessDeployed) {
         const std::vector<PelluxCall> calls = pellux.calls();
         std::vector<int> slots(calls.size());
         std::transform(calls.begin(), calls.end(), slots.begin(), [](auto &c) { return c.slot; });
-        EXPECT_EQ(slots, called);
+        ASSERT_EQ(slots, called);
         EXPECT_EQ(flGotJNISwitch_jms, gotSwitch);
         EXPECT_EQ(calls[0].openstring, store ? std::string(256, 'o') : "");
         EXPECT_EQ(calls[0].rmid, 7);
