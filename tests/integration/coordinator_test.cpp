@@ -169,4 +169,15 @@ TEST_F(Coordinator, DrivePrintsOneLinePerCallAndExitsOneOnAnUnexpectedCode) {
     EXPECT_EQ(listener.nextLine(), "#4 forget rmid=3 flags=0x0000000000000000" + first + "0");
 }
 
+// A queue-manager process given the companion only through the loader's path: start and
+// end reach it and the process lives on (the companion stays loaded after the fetch).
+TEST_F(Coordinator, DriveReachesACompanionFoundOnlyOnTheLoaderPath) {
+    const std::string companion = XAJMS_PELLUX_PATH;
+    setenv("LD_LIBRARY_PATH", companion.substr(0, companion.rfind('/')).c_str(), 1);
+    const ToolRun run =
+        runTool(drivePath(), {"--xid", "1:g:b", "open=qm", "start", "end", "close"});
+    unsetenv("LD_LIBRARY_PATH");
+    EXPECT_EQ(run.status, 0) << run.out << run.err;
+}
+
 }  // namespace
