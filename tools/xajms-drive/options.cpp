@@ -49,6 +49,10 @@ Options:
   --threads N         run the repeated verbs on N threads at once (default 1, at most 256)
                       With --repeat or --threads above 1, each line starts with
                       "thread=T round=R" and a last line gives the totals.
+  --reload            load the library before each of the --repeat rounds and unload it
+                      after, as a transaction manager that loads the switch per client
+                      does; a last line gives the descriptors and mappings the process
+                      gained after the first unload, and any gain counts as unexpected
   --help              print this text and exit
 
 Example:
@@ -189,6 +193,7 @@ const std::vector<OptionEntry> &optionTable() {
          [](Options &o, std::string_view v) {
              o.threads = parseNumber<int>(v, "--threads", 1, kMaxThreads);
          }},
+        {"--reload", false, [](Options &o, std::string_view) { o.reload = true; }},
         {"--help", false, [](Options &o, std::string_view) { o.help = true; }},
     };
     return table;
