@@ -4,6 +4,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <filesystem>
 #include <functional>
 
 namespace xajms::listener {
@@ -24,7 +25,9 @@ Registration:
   --name NAME         execution group name stored in the row, at most 128 bytes
                       (default "xajms-listener").
   --registry PATH     registry file (default /var/orlom/XA_SWITCH_MMF). It is created
-                      and formatted when absent, short, or without its signature.
+                      and formatted when absent, short, or without its signature; its
+                      directory must exist. A warning on standard error names the other
+                      live processes that use the file (registered in it or mapping it).
   --no-register       do not touch the registry file.
   The row taken is the first empty row below the row count, else the row at the row
   count, which is then raised by one. On exit the row is emptied (mode, pid, port 0).
@@ -295,6 +298,19 @@ Options parseOptions(int argc, const char *const *argv) {
         entry.apply(o, inlineValue ? *inlineValue : std::string_view(argv[++i]));
     }
     return o;
+}
+
+void checkRegistryDirectory(const Options &o) {
+    if (!o.registerRow) {
+        return;
+    }
+    const std::filesystem::path dir =
+        std::filesystem::absolute(o.registry).lexically_normal().parent_path();
+    std::error_code error;
+    if (!std::filesystem::is_directory(dir, error)) {
+        throw UsageError("registry file " + o.registry + ": no directory " + dir.string() +
+                         " (xajms-sandbox gives a private /var/orlom to try things in)");
+    }
 }
 
 Behaviour behaviourFor(const Options &o, std::uint64_t n, RequestType type) {

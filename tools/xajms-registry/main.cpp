@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "common/shared_file.h"
 #include "registry/registry.h"
 #include "show.h"
 #include "snapshot.h"
@@ -77,6 +78,11 @@ int clear() {
     if (!before) {
         std::fprintf(stderr, "xajms-registry: %s; nothing cleared\n", why.c_str());
         return kNoRegistry;
+    }
+    const std::string warning =
+        xajms::tools::sharedFileWarning(path, "clearing row 0 and the row count of");
+    if (!warning.empty()) {
+        std::fprintf(stderr, "xajms-registry: %s\n", warning.c_str());
     }
     ClearSharedMemory_jms();
     if (shared_stuff == nullptr) {
