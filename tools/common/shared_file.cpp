@@ -1,24 +1,19 @@
-// Finding the other users of a registry file: its rows read with read() (never a mapping, so
-// that a short file cannot fault the tool) and /proc/*/maps.
+// Finding the other users of a registry file: its rows, from a snapshot taken with read()
+// (never a mapping, so that a short file cannot fault the tool), and /proc/*/maps.
 #include "common/shared_file.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <map>
-#include <memory>
-#include <string_view>
+#include <optional>
 
-#include "common/descriptor.h"
+#include "common/registry_snapshot.h"
 #include "registry/registry.h"
 
 namespace xajms::tools {
@@ -36,23 +31,18 @@ struct User {
     bool maps = false;
 };
 
-bool alive(pid_t pid) {
-    return pid > 0 && (::kill(pid, 0) == 0 || errno == EPERM);
-}
-
-// Adds every in-use row whose pid is a live process other than this one.
+// Adds every row in use whose pid is a live process other than this one.
 void addRegistered(const std::string &path, std::map<pid_t, User> &users) {
-    const Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    auto file = std::make_unique<registry::File>();
-    if (!fd || ::read(fd.get(), file.get(), sizeof *file) != static_cast<ssize_t>(sizeof *file)) {
+    std::string why;
+    const std::optional<Snapshot> snapshot = readRegistry(path, why);
+    if (!snapshot) {
         return;
     }
-    for (int r = 0; r < registry::kRows; ++r) {
-        const registry::Row &row = file->row[static_cast<std::size_t>(r)];
-        if (row.mode != registry::kModeEmpty && row.pid != ::getpid() && alive(row.pid)) {
+    for (const ShownRow &row : snapshot->rows) {
+        if (row.mode != registry::kModeEmpty && row.pid != ::getpid() && row.alive.value_or(false)) {
             std::string &rows = users[row.pid].rows;
-            rows += (rows.empty() ? "row " : ", ") + std::to_string(r) + " '" +
-                    std::string(row.ExGrp, strnlen(row.ExGrp, sizeof row.ExGrp)) + "'";
+            rows += (rows.empty() ? "row " : ", ") + std::to_string(row.index) + " '" + row.name +
+                    "'";
         }
     }
 }

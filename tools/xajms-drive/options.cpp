@@ -49,7 +49,7 @@ Options:
   --threads N         run the repeated verbs on N threads at once (default 1, at most 256)
                       With --repeat or --threads above 1, each line starts with
                       "thread=T round=R" and a last line gives the totals.
-  --help              print this text and exit
+  -h, --help          print this text and exit
 
 Example:
   xajms-drive --rmid 1 --xid 4711:gtrid01:bqual01 open start end prepare commit close
@@ -255,6 +255,10 @@ Options parseOptions(int argc, const char *const *argv) {
     o.expect[static_cast<std::size_t>(Verb::recover)].anyCount = true;
     for (int i = 0; i < argc; ++i) {
         std::string_view arg = argv[i];
+        if (arg == "-h") {
+            o.help = true;
+            continue;
+        }
         if (!arg.starts_with("--")) {
             o.calls.push_back(parseVerb(arg));
             continue;

@@ -44,7 +44,9 @@ int main(int argc, char **argv) {
     Options options;
     try {
         options = parseOptions(argc - 1, argv + 1);
-        checkRegistryDirectory(options);
+        if (!options.help) {
+            checkRegistryDirectory(options);
+        }
     } catch (const UsageError &e) {
         std::fprintf(stderr, "xajms-listener: %s\n", e.what());
         return kBadUsage;

@@ -67,7 +67,7 @@ Output:
                       is "#n TYPE rmid=R flags=0x... xid=F:GTRID:BQUAL -> ANSWER", the XID
                       as in --xid ("xid=none" without one), and text="..." for close.
   --quiet             log no request lines.
-  --help              print this text and exit.
+  -h, --help          print this text and exit.
 
 Exit status: 0 after a cleanup close, SIGTERM or SIGINT; 1 when the listener cannot
 listen or register; 2 for a bad command line.
@@ -257,6 +257,7 @@ const std::vector<OptionEntry> &optionTable() {
         {"--log", true, [](Options &o, std::string_view v) { applyPath(o.logPath, v, "--log"); }},
         {"--quiet", false, [](Options &o, std::string_view) { o.quiet = true; }},
         {"--help", false, [](Options &o, std::string_view) { o.help = true; }},
+        {"-h", false, [](Options &o, std::string_view) { o.help = true; }},
     };
     return table;
 }

@@ -1,7 +1,7 @@
 // Taking the snapshot of the registry file: open, check it is a regular file, read all of it,
 // check the signature, then pick the rows to show: every row below the row count (at most
 // the 500 rows of the file) and any row at or beyond it that is in use.
-#include "snapshot.h"
+#include "common/registry_snapshot.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -17,9 +17,7 @@
 #include "common/descriptor.h"
 #include "registry/registry.h"
 
-namespace xajms::registry_tool {
-
-using tools::Descriptor;
+namespace xajms::tools {
 
 namespace {
 
@@ -130,4 +128,4 @@ std::optional<bool> processAlive(pid_t pid) {
     return kill(pid, 0) == 0 || errno == EPERM;
 }
 
-}  // namespace xajms::registry_tool
+}  // namespace xajms::tools

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace xajms::registry_tool {
+namespace xajms::tools {
 
 struct ShownRow {
     int index = 0;
@@ -39,4 +39,4 @@ std::string modeName(std::int32_t mode);
 // pid of 0 or below, which names no single process.
 std::optional<bool> processAlive(pid_t pid);
 
-}  // namespace xajms::registry_tool
+}  // namespace xajms::tools
