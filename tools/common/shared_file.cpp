@@ -39,10 +39,11 @@ void addRegistered(const std::string &path, std::map<pid_t, User> &users) {
         return;
     }
     for (const ShownRow &row : snapshot->rows) {
-        if (row.mode != registry::kModeEmpty && row.pid != ::getpid() && row.alive.value_or(false)) {
+        if (row.mode != registry::kModeEmpty && row.pid != ::getpid() &&
+            row.alive.value_or(false)) {
             std::string &rows = users[row.pid].rows;
-            rows += (rows.empty() ? "row " : ", ") + std::to_string(row.index) + " '" + row.name +
-                    "'";
+            rows +=
+                (rows.empty() ? "row " : ", ") + std::to_string(row.index) + " '" + row.name + "'";
         }
     }
 }
@@ -107,8 +108,9 @@ std::string sharedFileWarning(const std::string &path, const std::string &act) {
         text += " pid " + std::to_string(pid) + " (" + user.rows +
                 (user.maps ? std::string(user.rows.empty() ? "" : ", ") + "maps it" : "") + ");";
     }
-    return text + " a queue manager using this file acts on the change (xajms-sandbox gives a "
-                  "private file to try things in)";
+    return text +
+           " a queue manager using this file acts on the change (xajms-sandbox gives a "
+           "private file to try things in)";
 }
 
 }  // namespace xajms::tools

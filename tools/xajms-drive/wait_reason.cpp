@@ -48,8 +48,8 @@ std::string turnedDead(const std::optional<Snapshot> &before, const Snapshot &af
             continue;
         }
         for (const ShownRow &was : before->rows) {
-            if (was.index == row.index && was.port == row.port &&
-                was.mode != registry::kModeDead && was.mode != registry::kModeEmpty) {
+            if (was.index == row.index && was.port == row.port && was.mode != registry::kModeDead &&
+                was.mode != registry::kModeEmpty) {
                 rows += (rows.empty() ? "" : ", ") + describe(row);
             }
         }

@@ -75,8 +75,8 @@ std::string toolDirectories() {
 void setEnvironment(const std::string &registryId) {
     const char *path = std::getenv("PATH");
     const std::string tools = toolDirectories();
-    const std::string newPath = tools + (path != nullptr && *path != '\0' ? ":" : "") +
-                                (path != nullptr ? path : "");
+    const std::string newPath =
+        tools + (path != nullptr && *path != '\0' ? ":" : "") + (path != nullptr ? path : "");
     ::setenv("PATH", newPath.c_str(), 1);
     ::setenv("XAJMS_SANDBOX", registryId.c_str(), 1);
 }
@@ -103,8 +103,8 @@ int main(int argc, char **argv) {
     const char *shell = std::getenv("SHELL");
     std::vector<char *> command(argv + 1, argv + argc);
     if (command.empty()) {
-        command.push_back(const_cast<char *>(shell != nullptr && *shell != '\0' ? shell
-                                                                                 : "/bin/sh"));
+        command.push_back(
+            const_cast<char *>(shell != nullptr && *shell != '\0' ? shell : "/bin/sh"));
         std::fprintf(stderr,
                      "xajms-sandbox: /var/orlom here is private and empty; the tools are on "
                      "PATH; 'exit' leaves\n");

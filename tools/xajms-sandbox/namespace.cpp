@@ -49,8 +49,9 @@ void enterNamespace() {
     const unsigned uid = ::geteuid();
     const unsigned gid = ::getegid();
     if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-        failWith(errno, "cannot enter a new user and mount namespace (are user namespaces "
-                        "enabled?)");
+        failWith(errno,
+                 "cannot enter a new user and mount namespace (are user namespaces "
+                 "enabled?)");
     }
     writeProcFile("/proc/self/setgroups", "deny", false);
     writeProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1", true);
@@ -131,8 +132,7 @@ void enterPrivateOrlom() {
 }
 
 std::string formatRegistry() {
-    const Descriptor fd(
-        ::open(registry::kPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    const Descriptor fd(::open(registry::kPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (!fd) {
         failWith(errno, std::string("cannot create ") + registry::kPath);
     }
