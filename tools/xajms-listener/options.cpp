@@ -69,8 +69,12 @@ Output:
   --quiet             log no request lines.
   -h, --help          print this text and exit.
 
+Examples (in xajms-sandbox, so that no live queue manager sends them its transactions):
+  xajms-listener --mode broker --name EG1 &
+  xajms-listener --mode pending --name EG2 --never commit --xid 0x1234:616263:6465 &
+
 Exit status: 0 after a cleanup close, SIGTERM or SIGINT; 1 when the listener cannot
-listen or register; 2 for a bad command line.
+listen or register; 2 for a bad command line or a registry directory that does not exist.
 )";
 
 using Handler = std::function<void(Options &, std::string_view)>;

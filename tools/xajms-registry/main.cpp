@@ -8,10 +8,10 @@
 #include <string>
 #include <string_view>
 
+#include "common/registry_snapshot.h"
 #include "common/shared_file.h"
 #include "registry/registry.h"
 #include "show.h"
-#include "common/registry_snapshot.h"
 
 namespace {
 
@@ -33,6 +33,13 @@ at or beyond the row count are shown when they are in use, marked with '*'.
   --clear       clear the registry through the library: row 0 is emptied and the row
                 count set to 0; rows 1 and above keep their contents
   -h, --help    print this text and exit
+
+A warning on standard error names the other live processes that use the file before
+--clear changes it.
+
+Examples:
+  xajms-registry
+  xajms-registry --json
 
 Exit status: 0 when shown or cleared, 1 when the file is absent, unreadable or not a
 formatted registry file, 2 for a bad command line.
