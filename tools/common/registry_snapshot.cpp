@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <system_error>
@@ -119,6 +120,21 @@ std::string modeName(std::int32_t mode) {
         return "unknown";
     }
     return kNames[static_cast<std::size_t>(mode)];
+}
+
+std::string escapedName(std::string_view name) {
+    std::string shown;
+    for (const char c : name) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte < 0x7f && c != '\\') {
+            shown += c;
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02x", byte);
+            shown += hex;
+        }
+    }
+    return shown;
 }
 
 std::optional<bool> processAlive(pid_t pid) {

@@ -42,8 +42,8 @@ void addRegistered(const std::string &path, std::map<pid_t, User> &users) {
         if (row.mode != registry::kModeEmpty && row.pid != ::getpid() &&
             row.alive.value_or(false)) {
             std::string &rows = users[row.pid].rows;
-            rows +=
-                (rows.empty() ? "row " : ", ") + std::to_string(row.index) + " '" + row.name + "'";
+            rows += (rows.empty() ? "row " : ", ") + std::to_string(row.index) + " '" +
+                    escapedName(row.name) + "'";
         }
     }
 }

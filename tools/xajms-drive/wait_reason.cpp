@@ -23,7 +23,7 @@ constexpr char kNoAnswer[] =
     "the library waits up to 60 s for each listener's answer, then returns XAER_RMFAIL";
 
 std::string describe(const ShownRow &row) {
-    return "'" + row.name + "' (port " + std::to_string(row.port) + ", pid " +
+    return "'" + tools::escapedName(row.name) + "' (port " + std::to_string(row.port) + ", pid " +
            std::to_string(row.pid) + (row.alive.value_or(false) ? " alive)" : " gone)");
 }
 
