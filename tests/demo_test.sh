@@ -58,7 +58,10 @@ run() {
     line=$(sed -E 's/[[:space:]]+#.*$//' <<<"$line")  # the comment, before adding to the line
     case $line in
         scripts/*) return 0 ;;
-        ctest\ *) line="$line -N" ;;
+        # Listed from a copy of the test files, as a ctest run writes the logs of the folder.
+        ctest\ *)
+            (cd "$build" && find . -name CTestTestfile.cmake -exec cp --parents {} "$work" \;)
+            line="${line/--test-dir $build/--test-dir $work} -N" ;;
         */tests/*--gtest_filter=*) line="$line --gtest_list_tests" ;;
         cmake\ --install\ *) line="DESTDIR=$work/install $line" ;;
     esac
