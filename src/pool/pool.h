@@ -73,4 +73,19 @@ void lowerRows(PortRow &row);
 // library's unload calls it, without tracing.
 bool releaseAll();
 
+// How the process deals with a failed exchange with a listener. Exact until a start function
+// fixes it: OrloStart fixes exact, OrloStartSafe hardened, and the first fix holds for the
+// life of the process. Hardened, a failed read leaves the pool alone (its caller replaces
+// only its own socket), a refreshed socket is one its caller still holds, and a request that
+// was not delivered is sent once more on a fresh connection.
+enum class Mode : int { kUnset, kExact, kHardened };
+// Fixes the mode unless a start function has fixed it already; returns the mode in force.
+Mode fixMode(Mode wanted);
+bool hardened();
+
+// A new connection for the port, never an idle pooled socket (which may be as stale as the
+// one that just failed), marked in use in an emptied slot or above the live slots; taken
+// under the pool lock. Returns the descriptor, or 0 when none could be made or kept.
+int getFresh(int port);
+
 }  // namespace xajms::pool
