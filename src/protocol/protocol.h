@@ -50,8 +50,9 @@ long dataBytes(long gtridLength, long bqualLength);
 bool recordsFit(const unsigned char *data, long size, int count);
 
 // Hardened recovery: asks every broker and pending listener, else the start-up recovery
-// listener, for its in-doubt XIDs, and stores into xids the distinct XIDs of their lists
-// taken in listener order, from position skip on, at most count of them. Returns the number
+// listener, for its in-doubt XIDs, and stores into xids the distinct XIDs of their lists in
+// the order of the XIDs (format identifier, lengths, data), from position skip on, at most
+// count of them. Returns the number
 // stored (0 without listeners), or XAER_RMFAIL when the registry cannot be attached or a
 // listener could not be asked or its reply not read.
 int collectXids(XID *xids, long count, long skip, int rmid, long flags);

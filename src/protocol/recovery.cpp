@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <span>
+#include <utility>
 
 #include "pool/pool.h"
 #include "trace/trace.h"
@@ -238,42 +239,55 @@ struct Reply {
     int count = 0;
 };
 
-bool sameXid(const XID &a, const XID &b) {
-    const long bytes = xajms::protocol::dataBytes(a.gtrid_length, a.bqual_length);
-    return a.formatID == b.formatID && a.gtrid_length == b.gtrid_length &&
-           a.bqual_length == b.bqual_length &&
-           std::memcmp(a.data, b.data, static_cast<size_t>(bytes)) == 0;
-}
-
-// True when the XID appears among the replies before reply r, record i.
-bool seenBefore(std::span<const Reply> replies, size_t r, int i) {
-    const XID &xid = replies[r].xids[i];
-    for (size_t q = 0; q <= r; ++q) {
-        const int end = q == r ? i : replies[q].count;
-        for (int j = 0; j < end; ++j) {
-            if (sameXid(replies[q].xids[j], xid)) {
-                return true;
-            }
+// Orders XIDs by format identifier, lengths, then data bytes: the order of a recovery scan,
+// the same on every call whatever order the listeners report in.
+int compareXids(const XID &a, const XID &b) {
+    const std::array<std::pair<long, long>, 3> heads = {{{a.formatID, b.formatID},
+                                                         {a.gtrid_length, b.gtrid_length},
+                                                         {a.bqual_length, b.bqual_length}}};
+    for (const auto &[x, y] : heads) {
+        if (x != y) {
+            return x < y ? -1 : 1;
         }
     }
-    return false;
+    const long bytes = xajms::protocol::dataBytes(a.gtrid_length, a.bqual_length);
+    return std::memcmp(a.data, b.data, static_cast<size_t>(bytes));
 }
 
-// Stores the distinct XIDs of the replies, in listener order, from position skip on, at most
-// count of them. Returns the number stored.
-int storeDistinct(std::span<const Reply> replies, XID *xids, long count, long skip) {
+// Stores the distinct XIDs of the replies in scan order, from position skip on, at most
+// count of them: each reply is sorted in place, then the replies are merged, an XID reported
+// by several listeners (or twice by one) taken once. Returns the number stored. The work
+// grows with the XIDs handed out and the number of listeners, never with their square.
+int storeDistinct(std::span<Reply> replies, XID *xids, long count, long skip) {
+    auto less = [](const XID &a, const XID &b) { return compareXids(a, b) < 0; };
+    for (Reply &reply : replies) {
+        std::sort(reply.xids, reply.xids + reply.count, less);
+    }
+    std::array<int, xajms::protocol::kPortList> next{};
     long position = 0;
     int stored = 0;
-    for (size_t r = 0; r < replies.size(); ++r) {
-        for (int i = 0; i < replies[r].count && stored < count; ++i) {
-            if (seenBefore(replies, r, i)) {
-                continue;
+    while (stored < count) {
+        const XID *least = nullptr;
+        for (size_t r = 0; r < replies.size(); ++r) {
+            const int i = next[r];
+            if (i < replies[r].count && (least == nullptr || less(replies[r].xids[i], *least))) {
+                least = &replies[r].xids[i];
             }
-            if (position >= skip) {
-                xids[stored++] = replies[r].xids[i];
-            }
-            position += 1;
         }
+        if (least == nullptr) {
+            break;
+        }
+        const XID chosen = *least;
+        for (size_t r = 0; r < replies.size(); ++r) {
+            while (next[r] < replies[r].count &&
+                   compareXids(replies[r].xids[next[r]], chosen) == 0) {
+                next[r] += 1;
+            }
+        }
+        if (position >= skip) {
+            xids[stored++] = chosen;
+        }
+        position += 1;
     }
     return stored;
 }

@@ -318,7 +318,7 @@ TEST_F(Protocol, BrokerRecoverMergesTheListsOfTheListenersAsRequired) {
 }
 
 // Exact, recover always reports no XIDs. Hardened, a scan hands out the distinct XIDs of all
-// listeners in listener order, at most count a call; a reply that cannot be had fails it.
+// listeners in the order of the XIDs, at most count a call; a reply that cannot be had fails it.
 TEST_P(Modes, RecoverScanHandsOutTheListenersXidsOnlyWhenHardened) {
     // the flags, the count, the result of each mode, the formatIDs stored when hardened
     const std::tuple<long, long, int, int, std::vector<int>> calls[] = {
@@ -333,7 +333,7 @@ TEST_P(Modes, RecoverScanHandsOutTheListenersXidsOnlyWhenHardened) {
     const LoopbackPort closed[2] = {LoopbackPort(false), LoopbackPort(false)};
     const int replies = hardened() ? 4 : 6;  // one for each call that asks the listeners
     std::vector<std::pair<int, int>> rows;
-    for (const std::vector<int> &ids : {std::vector{1, 2, 3}, std::vector{2, 4}}) {
+    for (const std::vector<int> &ids : {std::vector{3, 1, 2}, std::vector{4, 2}}) {
         Bytes all;
         for (int r = 0; r < replies; ++r) {
             all = all + listOf(ids);
