@@ -220,6 +220,25 @@ TEST(StartFunctions, TheFirstCalledFixesTheModeAndTheOtherReturnsNull) {
     }
 }
 
+TEST(StartFunctions, ARefusedStartIsTracedAsAStartWithItsReason) {
+    TempDir dir;
+    freezeTraceColumns();
+    unsetenv("XAJMS_LOCATION");
+    setenv("XAJMS_TRACEFILE", (dir.path() + "/t").c_str(), 1);
+    ASSERT_NE(OrloStartSafe(), nullptr);
+    EXPECT_EQ(OrloStart(), nullptr);
+    const std::string safe = "  Varnelink OrloStartSafe   ", exact = "  Varnelink OrloStart   ";
+    const std::string flags = "Database switch flags=2, Resource name=KEL_VARNELINK, ";
+    EXPECT_EQ(traceLines(dir.path() + "/t"),
+              (Lines{golden(1, "{ Varnelink OrloStartSafe "),
+                     golden(1, safe + flags + "number of calls this process=1"),
+                     golden(1, "} Varnelink OrloStartSafe "), golden(1, "{ Varnelink OrloStart "),
+                     golden(1, exact + flags + "number of calls this process=2"),
+                     golden(1, exact + "Refused: this process already runs the switch of the "
+                                       "other start function"),
+                     golden(1, "} Varnelink OrloStart ")}));
+}
+
 TEST(XaEntries, EachEntryMapsTheListenersAnswerByItsOwnRow) {
     // entry, its request, the listeners' answer, the result (XAER_NOTA: the rollback trace)
     const std::tuple<int (*)(XID *, int, long), int, int, int> cases[] = {
