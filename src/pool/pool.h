@@ -76,9 +76,9 @@ bool releaseAll();
 // How the process deals with a failed exchange with a listener. Exact until a start function
 // fixes it: OrloStart fixes exact, OrloStartSafe hardened, and the first fix holds for the
 // life of the process. Hardened, a failed read leaves the pool alone (its caller replaces
-// only its own socket), a refreshed socket is one its caller still holds, an emptied slot's
-// descriptor 0 is never closed, and a request that was not delivered is sent once more on a
-// fresh connection.
+// only its own socket), a clear leaves the sockets callers hold, a refreshed socket is one
+// its caller still holds, an emptied slot's descriptor 0 is never closed, and a request that
+// was not delivered is sent once more on a fresh connection.
 enum class Mode : int { kUnset, kExact, kHardened };
 // Fixes the mode unless a start function has fixed it already; returns the mode in force.
 Mode fixMode(Mode wanted);
