@@ -16,6 +16,8 @@ constexpr std::string_view kXidFormat = "Xid Format : ";
 constexpr std::string_view kXidGtrid = "Xid gtrid length=";
 constexpr std::string_view kXidBqual = "Xid bqual length=";
 constexpr std::string_view kXidData = "  data=";
+// The fan-out to the listeners names each port it asks and the code each one answered.
+constexpr std::string_view kFanOut = "callEGListeners";
 constexpr std::string_view kObtained = "obtained sockfd=";
 constexpr std::string_view kForPort = " for port=";
 constexpr std::string_view kReceived = "received JDBC Provider rcode ";
@@ -127,16 +129,29 @@ void Pairing::exit(const TraceLine &line) {
         emit(std::move(orphan));
         return;
     }
+    // Calls above the match did not write their exit line, except XA entries: those belong
+    // to another thread of the process and stay open for their own exit line.
+    std::vector<Call> others;
+    std::vector<int> otherIndents;
     while (open_.size() > *match + 1) {
         Call inner = std::move(open_.back());
+        if (inner.xaEntry()) {
+            others.insert(others.begin(), std::move(inner));
+            otherIndents.insert(otherIndents.begin(), indents_.back());
+        } else {
+            inner.exited = false;
+            emit(std::move(inner));
+        }
         open_.pop_back();
         indents_.pop_back();
-        inner.exited = false;
-        emit(std::move(inner));
     }
     Call call = std::move(open_.back());
     open_.pop_back();
     indents_.pop_back();
+    for (std::size_t i = 0; i < others.size(); ++i) {
+        open_.push_back(std::move(others[i]));
+        indents_.push_back(otherIndents[i]);
+    }
     call.end = line.micros;
     if (call.xaEntry() && !call.result) {
         held_ = std::move(call);  // its result line may follow the exit line
@@ -155,6 +170,9 @@ void Pairing::data(const TraceLine &line) {
         return;
     }
     std::vector<PortAnswer> &ports = open_.front().ports;
+    if (line.function != kFanOut) {
+        return;
+    }
     if (text.starts_with(kObtained)) {
         const std::size_t at = text.find(kForPort);
         const auto port = at == std::string_view::npos
@@ -194,19 +212,20 @@ void Pairing::xidLine(std::string_view text) {
     xidStage_ = 0;
 }
 
-// A result line belongs to the innermost open XA entry without one, else to the XA entry
-// that has just ended (open writes its exit line first).
+// A result line belongs to the XA entry whose exit line came just before it without a result
+// (open and close write their exit line first), else to the innermost open XA entry.
 void Pairing::result(const TraceLine &line) {
     const std::optional<int> code = resultCode(line.data);
+    if (held_ && !held_->result) {
+        held_->result = code;
+        flushHeld();
+        return;
+    }
     for (std::size_t i = open_.size(); i-- > 0;) {
         if (open_[i].xaEntry() && !open_[i].result) {
             open_[i].result = code;
             return;
         }
-    }
-    if (held_ && !held_->result) {
-        held_->result = code;
-        flushHeld();
     }
 }
 

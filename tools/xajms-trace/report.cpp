@@ -239,9 +239,11 @@ std::string storyText(const Summary &s, const std::string &xid) {
         seen[step.lane] = true;
     }
     return readingText(s) +
-           fmt("transaction %s: %zu steps in %zu processes over %s ms\n", xid.c_str(),
-                  steps.size(), processes,
-                  milliseconds(steps.back().end - steps.front().start).c_str()) +
+           fmt("transaction %s: %zu step%s in %zu process%s, %s ms from the first entry to "
+               "the last exit\n",
+               xid.c_str(), steps.size(), steps.size() == 1 ? "" : "s", processes,
+               processes == 1 ? "" : "es",
+               milliseconds(steps.back().end - steps.front().start).c_str()) +
            stepLines(s, steps, "  ");
 }
 
