@@ -55,7 +55,7 @@ constexpr std::string_view kScript = R"page(</script>
     if (code === 3) { return "#4c8bd6"; }
     return code < 0 ? "#d13c3c" : "#e0a020";
   }
-  function ms(us) { return (us / 1000).toFixed(3) + " ms"; }
+  function ms(us) { return us >= 10000000 ? (us / 1000000).toFixed(2) + " s" : (us / 1000).toFixed(3) + " ms"; }
   try {
     var d = JSON.parse(document.getElementById("data").textContent);
     var LABEL = 130, WIDTH = 1000, ROW = 12, MAXROWS = 12, GAP = 10;
@@ -70,7 +70,7 @@ constexpr std::string_view kScript = R"page(</script>
     for (var t = 0; t <= 5; t++) {
       var x = LABEL + WIDTH * t / 5;
       el("line", { x1: x, x2: x, y1: 16, y2: y, stroke: "#eee" }, svg);
-      el("text", { x: x, y: 12, "class": "axis", "text-anchor": "middle" }, svg).textContent = ms(span * t / 5);
+      el("text", { x: x, y: 12, "class": "axis", "text-anchor": t === 5 ? "end" : "middle" }, svg).textContent = ms(span * t / 5);
     }
     d.lanes.forEach(function (lane, i) {
       var g = el("g", { "class": "lane", "data-pid": lane.pid }, svg);
