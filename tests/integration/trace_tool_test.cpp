@@ -104,8 +104,8 @@ std::string normalised(std::string line, int port, pid_t listener) {
 }
 
 TEST(TraceTool, RecordedRunsMatchTheKeptTraces) {
-    const std::string why = listenerPath().empty() ? "xajms-listener is not built here"
-                                                   : enterPrivateOrlom();
+    const std::string why =
+        listenerPath().empty() ? "xajms-listener is not built here" : enterPrivateOrlom();
     if (!why.empty()) {
         GTEST_SKIP() << why;
     }
@@ -200,19 +200,25 @@ TEST(TraceTool, MalformedInputsAreCountedAndNeverDerailThePairing) {
     // Rows: name, file content, the output lines that must be there (whole), exit status.
     const std::tuple<std::string, std::string, std::vector<std::string>, int> cases[] = {
         {"empty", "", {"files: 1, processes: 0, lines: 0 (malformed 0, torn 0, too long 0)"}, 0},
-        {"torn last line", ok + ok.substr(0, 40),
-         {"files: 1, processes: 1, lines: 3 (malformed 0, torn 1, too long 0)"}, 0},
-        {"binary junk", std::string("\0\xff\x01junk\n", 8) + ok + "\x1b[2J\xc3\x28\n",
+        {"torn last line",
+         ok + ok.substr(0, 40),
+         {"files: 1, processes: 1, lines: 3 (malformed 0, torn 1, too long 0)"},
+         0},
+        {"binary junk",
+         std::string("\0\xff\x01junk\n", 8) + ok + "\x1b[2J\xc3\x28\n",
          {"files: 1, processes: 1, lines: 5 (malformed 2, torn 0, too long 0)",
           "xa_forget_entry_jms                                 1        0       0.400       0.400       0.400"},
          0},
-        {"a line of 100 KiB", std::string(100 * 1024, 'x') + "\n" + ok,
-         {"files: 1, processes: 1, lines: 3 (malformed 0, torn 0, too long 1)"}, 0},
+        {"a line of 100 KiB",
+         std::string(100 * 1024, 'x') + "\n" + ok,
+         {"files: 1, processes: 1, lines: 3 (malformed 0, torn 0, too long 1)"},
+         0},
         {"exit without entry, entry without exit",
          exit(100, 1, "GetSharedMemory_jms") + entry(200, 1, "GetSharedMemory_jms"),
          {"GetSharedMemory_jms                                 2        2       0.000       0.000       0.000"},
          0},
-        {"depth capped at 19 blanks", nested,
+        {"depth capped at 19 blanks",
+         nested,
          {"level0                                              1        0       0.200       0.200       0.200",
           "level10                                             1        0       0.090       0.090       0.090"},
          0},
@@ -220,15 +226,16 @@ TEST(TraceTool, MalformedInputsAreCountedAndNeverDerailThePairing) {
          entry(100, 1, "xa_rollback_entry_jms", "rmid=1 ") + result(150, 3, "XAER_RMFAIL   ") +
              exit(300, 1, "xa_rollack_entry_jms", " rc =  -7") +
              entry(400, 1, "initializeConnectionPoolLock", "  called for pid 12345 ") +
-             exit(450, 1, "initializeConnectionPoolock_jms") + entry(500, 1, "deleteConnectionPool_jms") +
-             exit(560, 1, "deleteConnectionPool"),
+             exit(450, 1, "initializeConnectionPoolock_jms") +
+             entry(500, 1, "deleteConnectionPool_jms") + exit(560, 1, "deleteConnectionPool"),
          {"xa_rollback_entry_jms                               1        0       0.200       0.200       0.200",
           "initializeConnectionPoolLock                        1        0       0.050       0.050       0.050",
           "deleteConnectionPool_jms                            1        0       0.060       0.060       0.060",
           "calls that did not return XA_OK: 1"},
          1},
         {"interleaved threads",  // two commits share one depth: the second enters indented
-         entry(100, 1, "xa_commit_entry_jms", "rmid=1 ") + entry(110, 3, "xa_prepare_entry_jms", "rmid=1 ") +
+         entry(100, 1, "xa_commit_entry_jms", "rmid=1 ") +
+             entry(110, 3, "xa_prepare_entry_jms", "rmid=1 ") +
              exit(300, 1, "xa_commit_entry_jms") + result(310, 0, "XA_OK         ") +
              exit(900, 1, "xa_prepare_entry_jms") + result(910, 0, "XA_RDONLY     "),
          {"xa_commit_entry_jms                                 1        0       0.200       0.200       0.200",
@@ -249,7 +256,8 @@ TEST(TraceTool, MalformedInputsAreCountedAndNeverDerailThePairing) {
             out.push_back(line);
         }
         for (const std::string &line : lines) {
-            EXPECT_NE(std::find(out.begin(), out.end(), line), out.end()) << line << "\n" << run.out;
+            EXPECT_NE(std::find(out.begin(), out.end(), line), out.end()) << line << "\n"
+                                                                          << run.out;
         }
     }
 }
@@ -263,7 +271,8 @@ TEST(TraceTool, RefusesABadCommandLineAndReportsAMissingFile) {
         {{"--xid", "1:g", kRun}, 2, "xajms-trace: --xid: expected F:GTRID:BQUAL, got '1:g'\n"},
         {{"--frob", kRun}, 2, "xajms-trace: unexpected argument '--frob' (see --help)\n"},
         {{"--html"}, 2, "xajms-trace: unexpected argument '--html' (see --help)\n"},
-        {{"/nonexistent/qm"}, 1,
+        {{"/nonexistent/qm"},
+         1,
          "xajms-trace: /nonexistent/qm: no trace file (not a file, a directory with .trc "
          "files, or a prefix)\n"},
     };

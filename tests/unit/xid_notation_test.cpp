@@ -13,10 +13,10 @@ using xajms::tools::XidParts;
 TEST(XidNotation, EveryXidPrintsToTextThatReadsBackToIt) {
     const std::pair<XidParts, std::string> cases[] = {
         {{4711, "gtrid01", "bqual01"}, "4711:gtrid01:bqual01"},
-        {{-1, "g", ""}, "-1:g:"},                        // empty branch qualifier as text
-        {{0, "", ""}, "0:0x:"},                          // empty gtrid only as hex
-        {{7, "a:b", "ok"}, "7:0x613a62:ok"},             // a colon forces hex
-        {{7, "0xab", "0x"}, "7:0x30786162:0x3078"},      // so does a leading 0x
+        {{-1, "g", ""}, "-1:g:"},                    // empty branch qualifier as text
+        {{0, "", ""}, "0:0x:"},                      // empty gtrid only as hex
+        {{7, "a:b", "ok"}, "7:0x613a62:ok"},         // a colon forces hex
+        {{7, "0xab", "0x"}, "7:0x30786162:0x3078"},  // so does a leading 0x
         {{1, std::string("\0\x01\xff", 3), "with blank"}, "1:0x0001ff:with blank"},
         {{2147483647, "x", "\x7f"}, "2147483647:x:0x7f"},  // DEL is not printable
         {{-9223372036854775807L - 1, "~", " "}, "-9223372036854775808:~: "},

@@ -28,8 +28,8 @@ int hexValue(char c) {
 }
 
 // One part, GTRID or BQUAL: the bytes, or nothing with the reason in why.
-std::optional<std::string> parsePart(std::string_view text, std::string_view name,
-                                     bool mayBeEmpty, std::string &why) {
+std::optional<std::string> parsePart(std::string_view text, std::string_view name, bool mayBeEmpty,
+                                     std::string &why) {
     std::string bytes;
     if (!text.starts_with(kHexPrefix)) {
         for (const char c : text) {

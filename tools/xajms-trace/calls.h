@@ -20,15 +20,15 @@ struct PortAnswer {
 };
 
 struct Call {
-    std::size_t lane = 0;   // the process, as Summary numbers them
-    std::string function;   // the entry line's literal (the exit's for an exit without entry)
+    std::size_t lane = 0;    // the process, as Summary numbers them
+    std::string function;    // the entry line's literal (the exit's for an exit without entry)
     std::int64_t start = 0;  // UTC microseconds
     std::int64_t end = 0;
-    int depth = 0;           // calls open around it when it began
-    bool entered = true;     // false: an exit line without its entry line
-    bool exited = true;      // false: an entry line whose exit line never came
+    int depth = 0;        // calls open around it when it began
+    bool entered = true;  // false: an exit line without its entry line
+    bool exited = true;   // false: an entry line whose exit line never came
     std::optional<int> result;
-    std::string xid;         // in the F:GTRID:BQUAL notation; empty when none was dumped
+    std::string xid;          // in the F:GTRID:BQUAL notation; empty when none was dumped
     bool xidFromEnd = false;  // a start, which dumps no XID, given the XID of the next end
     std::vector<PortAnswer> ports;
 
@@ -64,10 +64,10 @@ class Pairing {
     std::size_t lane_;
     CallSink sink_;
     std::vector<Call> open_;
-    std::vector<int> indents_;  // the indentation of each open call's entry line
+    std::vector<int> indents_;        // the indentation of each open call's entry line
     std::optional<Call> held_;        // an XA entry that ended without its result yet
     std::optional<Call> startNoXid_;  // a start waiting for the XID of the next end
-    int xidStage_ = 0;  // XID dump lines seen in a row: 0, 1 (format) or 2 (gtrid)
+    int xidStage_ = 0;                // XID dump lines seen in a row: 0, 1 (format) or 2 (gtrid)
     long xidFormat_ = 0;
     std::string xidGtrid_;
 };

@@ -72,7 +72,7 @@ bool readLines(const std::string &path, const std::function<void(std::string_vie
         why = path + ": " + errorText(errno);
         return false;
     }
-    std::string pending;  // the start of a line that the last block did not finish
+    std::string pending;    // the start of a line that the last block did not finish
     bool skipping = false;  // inside a line already known to be too long
     std::vector<char> block(kBlockBytes);
     for (;;) {

@@ -19,9 +19,9 @@ std::vector<std::string> traceFiles(const std::string &path, std::string &why);
 
 // What reading one file met besides whole lines.
 struct ReadCounts {
-    std::uint64_t lines = 0;     // whole lines handed on
-    std::uint64_t torn = 0;      // a last line without its newline, dropped
-    std::uint64_t tooLong = 0;   // lines longer than kMaxLineBytes, dropped unread
+    std::uint64_t lines = 0;    // whole lines handed on
+    std::uint64_t torn = 0;     // a last line without its newline, dropped
+    std::uint64_t tooLong = 0;  // lines longer than kMaxLineBytes, dropped unread
     std::uint64_t bytes = 0;
 };
 

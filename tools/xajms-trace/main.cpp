@@ -159,10 +159,10 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "xajms-trace: %s: cannot write the page\n", options->html->c_str());
         allRead = false;
     }
-    const std::string text =
-        options->xid ? (options->json ? storyJson(summary, *options->xid)
-                                      : storyText(summary, *options->xid))
-                     : (options->json ? summaryJson(summary) : summaryText(summary));
+    const std::string text = options->xid
+                                 ? (options->json ? storyJson(summary, *options->xid)
+                                                  : storyText(summary, *options->xid))
+                                 : (options->json ? summaryJson(summary) : summaryText(summary));
     std::fwrite(text.data(), 1, text.size(), stdout);
     return outcome(summary, *options, allRead);
 }

@@ -65,8 +65,8 @@ std::string callJson(const Summary &s, const Call &call) {
                       ",\"file\":" + jsonString(s.lanes[call.lane].file) +
                       ",\"function\":" + jsonString(call.function) +
                       ",\"start\":" + jsonString(formatTime(call.start)) +
-                      ",\"duration_us\":" + std::to_string(call.duration()) + ",\"result\":" +
-                      (call.result ? jsonString(codeName(*call.result)) : "null") +
+                      ",\"duration_us\":" + std::to_string(call.duration()) +
+                      ",\"result\":" + (call.result ? jsonString(codeName(*call.result)) : "null") +
                       ",\"code\":" + (call.result ? std::to_string(*call.result) : "null") +
                       ",\"xid\":" + (call.xid.empty() ? "null" : jsonString(call.xid)) +
                       ",\"entered\":" + (call.entered ? "true" : "false") +
@@ -95,9 +95,9 @@ std::string readingText(const Summary &s) {
         s.files.size(), s.lanes.size(), static_cast<unsigned long long>(s.read.lines),
         static_cast<unsigned long long>(s.malformed), static_cast<unsigned long long>(s.read.torn),
         static_cast<unsigned long long>(s.read.tooLong));
-    out += s.unreadable ? fmt(", unreadable files %llu)\n",
-                                 static_cast<unsigned long long>(s.unreadable))
-                        : std::string(")\n");
+    out += s.unreadable
+               ? fmt(", unreadable files %llu)\n", static_cast<unsigned long long>(s.unreadable))
+               : std::string(")\n");
     if (s.read.lines > s.malformed) {
         out += "time: " + formatTime(s.first) + " to " + formatTime(s.last) + " UTC\n";
     }
@@ -105,19 +105,19 @@ std::string readingText(const Summary &s) {
 }
 
 std::string functionsText(const Summary &s) {
-    std::string out = fmt("\n%-44s %8s %8s %11s %11s %11s\n", "calls by entry", "count",
-                             "unpaired", "p50 ms", "p99 ms", "max ms");
+    std::string out = fmt("\n%-44s %8s %8s %11s %11s %11s\n", "calls by entry", "count", "unpaired",
+                          "p50 ms", "p99 ms", "max ms");
     for (const auto &[name, f] : s.functions) {
         out += fmt("%-44s %8llu %8llu %11s %11s %11s\n", name.c_str(),
-                      static_cast<unsigned long long>(f.calls),
-                      static_cast<unsigned long long>(f.unpaired),
-                      milliseconds(f.durations.quantile(0.5)).c_str(),
-                      milliseconds(f.durations.quantile(0.99)).c_str(),
-                      milliseconds(f.durations.max()).c_str());
+                   static_cast<unsigned long long>(f.calls),
+                   static_cast<unsigned long long>(f.unpaired),
+                   milliseconds(f.durations.quantile(0.5)).c_str(),
+                   milliseconds(f.durations.quantile(0.99)).c_str(),
+                   milliseconds(f.durations.max()).c_str());
     }
     if (s.functionsDropped) {
         out += fmt("(%llu calls of further functions not counted)\n",
-                      static_cast<unsigned long long>(s.functionsDropped));
+                   static_cast<unsigned long long>(s.functionsDropped));
     }
     return out;
 }
@@ -142,7 +142,7 @@ std::string jsonString(std::string_view text) {
 
 std::string milliseconds(std::int64_t micros) {
     return fmt("%lld.%03lld", static_cast<long long>(micros / 1000),
-                  static_cast<long long>(micros % 1000));
+               static_cast<long long>(micros % 1000));
 }
 
 std::string resultName(const Call &call) {
@@ -152,7 +152,7 @@ std::string resultName(const Call &call) {
 std::string summaryText(const Summary &s) {
     std::string out = readingText(s);
     out += fmt("calls: %llu, transactions: %zu\n", static_cast<unsigned long long>(s.calls),
-                  s.transactions.size());
+               s.transactions.size());
     out += functionsText(s);
     out += "\nresults by code\n";
     for (const auto &[code, count] : s.results) {
@@ -163,7 +163,7 @@ std::string summaryText(const Summary &s) {
         out += callLine(s, call) + (call.xid.empty() ? "" : "  xid " + call.xid) + "\n";
     }
     out += fmt("\ncalls that did not return XA_OK: %llu\n",
-                  static_cast<unsigned long long>(s.failuresTotal()));
+               static_cast<unsigned long long>(s.failuresTotal()));
     for (const Call &call : s.failures) {
         out += callLine(s, call) + "\n";
         if (!call.xid.empty()) {
@@ -181,16 +181,15 @@ std::string summaryJson(const Summary &s) {
     for (std::size_t i = 0; i < s.files.size(); ++i) {
         out += (i ? "," : "") + jsonString(s.files[i]);
     }
-    out += fmt("],\"lines\":%llu,\"malformed\":%llu,\"torn\":%llu,\"too_long\":%llu,"
-                  "\"unreadable\":%llu,\"calls\":%llu,",
-                  static_cast<unsigned long long>(s.read.lines),
-                  static_cast<unsigned long long>(s.malformed),
-                  static_cast<unsigned long long>(s.read.torn),
-                  static_cast<unsigned long long>(s.read.tooLong),
-                  static_cast<unsigned long long>(s.unreadable),
-                  static_cast<unsigned long long>(s.calls));
-    out += "\"first\":" + jsonString(formatTime(s.first)) + ",\"last\":" +
-           jsonString(formatTime(s.last)) + ",\"processes\":[";
+    out += fmt(
+        "],\"lines\":%llu,\"malformed\":%llu,\"torn\":%llu,\"too_long\":%llu,"
+        "\"unreadable\":%llu,\"calls\":%llu,",
+        static_cast<unsigned long long>(s.read.lines), static_cast<unsigned long long>(s.malformed),
+        static_cast<unsigned long long>(s.read.torn),
+        static_cast<unsigned long long>(s.read.tooLong),
+        static_cast<unsigned long long>(s.unreadable), static_cast<unsigned long long>(s.calls));
+    out += "\"first\":" + jsonString(formatTime(s.first)) +
+           ",\"last\":" + jsonString(formatTime(s.last)) + ",\"processes\":[";
     for (std::size_t i = 0; i < s.lanes.size(); ++i) {
         out += (i ? "," : "") + std::string("{\"pid\":") + jsonString(s.lanes[i].pid) +
                ",\"file\":" + jsonString(s.lanes[i].file) +
@@ -201,29 +200,31 @@ std::string summaryJson(const Summary &s) {
     for (const auto &[name, f] : s.functions) {
         out += (first ? "" : ",") + std::string("{\"function\":") + jsonString(name) +
                fmt(",\"count\":%llu,\"unpaired\":%llu,\"p50_us\":%lld,\"p99_us\":%lld,"
-                      "\"max_us\":%lld}",
-                      static_cast<unsigned long long>(f.calls),
-                      static_cast<unsigned long long>(f.unpaired),
-                      static_cast<long long>(f.durations.quantile(0.5)),
-                      static_cast<long long>(f.durations.quantile(0.99)),
-                      static_cast<long long>(f.durations.max()));
+                   "\"max_us\":%lld}",
+                   static_cast<unsigned long long>(f.calls),
+                   static_cast<unsigned long long>(f.unpaired),
+                   static_cast<long long>(f.durations.quantile(0.5)),
+                   static_cast<long long>(f.durations.quantile(0.99)),
+                   static_cast<long long>(f.durations.max()));
         first = false;
     }
     out += "],\"results\":[";
     first = true;
     for (const auto &[code, count] : s.results) {
         out += (first ? "" : ",") + fmt("{\"code\":%d,\"name\":", code) +
-               jsonString(codeName(code)) + fmt(",\"count\":%llu}", static_cast<unsigned long long>(count));
+               jsonString(codeName(code)) +
+               fmt(",\"count\":%llu}", static_cast<unsigned long long>(count));
         first = false;
     }
     out += "],\"slowest\":" + callsJson(s, s.slowest) + ",\"failures\":[";
     for (std::size_t i = 0; i < s.failures.size(); ++i) {
         std::string call = callJson(s, s.failures[i]);
         call.pop_back();
-        out += (i ? "," : "") + call + ",\"transaction\":" + callsJson(s, s.story(s.failures[i].xid)) + "}";
+        out += (i ? "," : "") + call +
+               ",\"transaction\":" + callsJson(s, s.story(s.failures[i].xid)) + "}";
     }
     out += fmt("],\"failures_not_listed\":%llu,\"transactions\":%zu}\n",
-                  static_cast<unsigned long long>(s.failuresDropped), s.transactions.size());
+               static_cast<unsigned long long>(s.failuresDropped), s.transactions.size());
     return out;
 }
 

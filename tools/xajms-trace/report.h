@@ -15,6 +15,6 @@ std::string storyJson(const Summary &summary, const std::string &xid);
 // Helpers shared with the page.
 std::string jsonString(std::string_view text);
 std::string milliseconds(std::int64_t micros);  // "1.200" for 1200 µs
-std::string resultName(const Call &call);      // the code's name, or "-" without a result
+std::string resultName(const Call &call);       // the code's name, or "-" without a result
 
 }  // namespace xajms::trace_tool

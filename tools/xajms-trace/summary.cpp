@@ -11,7 +11,7 @@ namespace xajms::trace_tool {
 namespace {
 
 constexpr std::size_t kMaxLanes = 1000;
-constexpr std::uint32_t kExactBelow = 1000;  // microseconds counted one by one
+constexpr std::uint32_t kExactBelow = 1000;       // microseconds counted one by one
 constexpr std::uint32_t kBucketsPerDecade = 900;  // three significant digits: 100 to 999
 
 std::uint32_t bucketOf(std::int64_t micros) {
@@ -23,7 +23,8 @@ std::uint32_t bucketOf(std::int64_t micros) {
         micros /= 10;
         ++decade;
     }
-    return kExactBelow + (decade - 1) * kBucketsPerDecade + static_cast<std::uint32_t>(micros - 100);
+    return kExactBelow + (decade - 1) * kBucketsPerDecade +
+           static_cast<std::uint32_t>(micros - 100);
 }
 
 std::int64_t valueOf(std::uint32_t bucket) {

@@ -133,13 +133,14 @@ std::string timelinePage(const Summary &s) {
     for (const Call &call : s.timeline) {
         const std::size_t fn = functions.try_emplace(call.function, functions.size()).first->second;
         const long long xid =
-            call.xid.empty() ? -1 : static_cast<long long>(xids.try_emplace(call.xid, xids.size()).first->second);
+            call.xid.empty()
+                ? -1
+                : static_cast<long long>(xids.try_emplace(call.xid, xids.size()).first->second);
         calls += (calls.size() > 1 ? "," : "") + std::string("[") + std::to_string(call.lane) +
                  "," + std::to_string(call.start - s.first) + "," +
                  std::to_string(call.duration()) + "," + std::to_string(call.depth) + "," +
-                 (call.result ? std::to_string(*call.result) : "null") + "," +
-                 std::to_string(fn) + "," + std::to_string(xid) + "," +
-                 jsonString(resultName(call)) + "]";
+                 (call.result ? std::to_string(*call.result) : "null") + "," + std::to_string(fn) +
+                 "," + std::to_string(xid) + "," + jsonString(resultName(call)) + "]";
     }
     const auto names = [](const std::map<std::string, std::size_t> &index) {
         std::vector<const std::string *> byIndex(index.size());
@@ -162,11 +163,12 @@ std::string timelinePage(const Summary &s) {
         data += (data.back() == '[' ? "" : ",") + jsonString(*xid);
         stories += (stories.back() == '[' ? "" : ",") + jsonString(storyOf(s, *xid));
     }
-    data += stories + "],\"calls\":" + calls + "],\"dropped\":" + std::to_string(s.timelineDropped) +
-            ",\"meta\":" +
-            jsonString(std::to_string(s.lanes.size()) + " processes, " + std::to_string(s.calls) +
-                       " calls, from " + formatTime(s.first) + " to " + formatTime(s.last) + " UTC") +
-            "}";
+    data +=
+        stories + "],\"calls\":" + calls + "],\"dropped\":" + std::to_string(s.timelineDropped) +
+        ",\"meta\":" +
+        jsonString(std::to_string(s.lanes.size()) + " processes, " + std::to_string(s.calls) +
+                   " calls, from " + formatTime(s.first) + " to " + formatTime(s.last) + " UTC") +
+        "}";
     return std::string(kHead) + data + std::string(kScript);
 }
 

@@ -23,13 +23,12 @@ constexpr std::string_view kResult = "Return code = ";
 constexpr int kMaxPidDigits = 7;
 
 constexpr std::array<std::pair<int, std::string_view>, 24> kCodeNames = {{
-    {-9, "XAER_OUTSIDE"}, {-8, "XAER_DUPID"},     {-7, "XAER_RMFAIL"},    {-6, "XAER_PROTO"},
-    {-5, "XAER_INVAL"},   {-4, "XAER_NOTA"},      {-3, "XAER_RMERR"},     {-2, "XAER_ASYNC"},
-    {0, "XA_OK"},         {3, "XA_RDONLY"},       {4, "XA_RETRY"},        {5, "XA_HEURMIX"},
-    {6, "XA_HEURRB"},     {7, "XA_HEURCOM"},      {8, "XA_HEURHAZ"},      {9, "XA_NOMIGRATE"},
-    {100, "XA_RBROLLBACK"}, {101, "XA_RBCOMMFAIL"}, {102, "XA_RBDEADLOCK"},
-    {103, "XA_RBINTEGRITY"}, {104, "XA_RBOTHER"},  {105, "XA_RBPROTO"},    {106, "XA_RBTIMEOUT"},
-    {107, "XA_RBTRANSIENT"},
+    {-9, "XAER_OUTSIDE"},   {-8, "XAER_DUPID"},     {-7, "XAER_RMFAIL"},    {-6, "XAER_PROTO"},
+    {-5, "XAER_INVAL"},     {-4, "XAER_NOTA"},      {-3, "XAER_RMERR"},     {-2, "XAER_ASYNC"},
+    {0, "XA_OK"},           {3, "XA_RDONLY"},       {4, "XA_RETRY"},        {5, "XA_HEURMIX"},
+    {6, "XA_HEURRB"},       {7, "XA_HEURCOM"},      {8, "XA_HEURHAZ"},      {9, "XA_NOMIGRATE"},
+    {100, "XA_RBROLLBACK"}, {101, "XA_RBCOMMFAIL"}, {102, "XA_RBDEADLOCK"}, {103, "XA_RBINTEGRITY"},
+    {104, "XA_RBOTHER"},    {105, "XA_RBPROTO"},    {106, "XA_RBTIMEOUT"},  {107, "XA_RBTRANSIENT"},
 }};
 
 // Misspelled keys that the library writes for one function under another name.
@@ -42,11 +41,13 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 2> kMisspell
 std::optional<int> digits(std::string_view text, std::size_t &at, std::size_t minWidth,
                           std::size_t maxWidth) {
     std::size_t end = at;
-    while (end < text.size() && end - at < maxWidth && std::isdigit(static_cast<unsigned char>(text[end]))) {
+    while (end < text.size() && end - at < maxWidth &&
+           std::isdigit(static_cast<unsigned char>(text[end]))) {
         ++end;
     }
     int value = 0;
-    if (end - at < minWidth || std::from_chars(text.data() + at, text.data() + end, value).ec != std::errc()) {
+    if (end - at < minWidth ||
+        std::from_chars(text.data() + at, text.data() + end, value).ec != std::errc()) {
         return std::nullopt;
     }
     at = end;
@@ -81,8 +82,8 @@ std::optional<std::int64_t> parseStamp(std::string_view text, std::size_t &at) {
     const auto minute = hour && expect(text, at, ':') ? digits(text, at, 2, 2) : std::nullopt;
     const auto second = minute && expect(text, at, ':') ? digits(text, at, 2, 2) : std::nullopt;
     const auto micros = second && expect(text, at, '.') ? digits(text, at, 1, 6) : std::nullopt;
-    if (!micros || !expect(text, at, ' ') || *month < 1 || *month > 12 || *day < 1 ||
-        *day > 31 || *hour > 23 || *minute > 59 || *second > 60) {
+    if (!micros || !expect(text, at, ' ') || *month < 1 || *month > 12 || *day < 1 || *day > 31 ||
+        *hour > 23 || *minute > 59 || *second > 60) {
         return std::nullopt;
     }
     const std::int64_t days = daysFromCivil(*year, *month, *day);
@@ -112,7 +113,8 @@ std::optional<TraceLine> parseTraceLine(std::string_view text) {
     }
     line.micros = *micros;
     const std::size_t pidStart = at;
-    while (at < text.size() && at - pidStart < kMaxPidDigits && std::isdigit(static_cast<unsigned char>(text[at]))) {
+    while (at < text.size() && at - pidStart < kMaxPidDigits &&
+           std::isdigit(static_cast<unsigned char>(text[at]))) {
         ++at;
     }
     line.pid = text.substr(pidStart, at - pidStart);
