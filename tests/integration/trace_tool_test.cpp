@@ -147,7 +147,7 @@ TEST(TraceTool, PrintsTheGoldenSummaryStoryAndJsonOfTheRecordedRun) {
     // Arguments, golden file, exit status. A directory and the prefix read the same files.
     const std::tuple<Args, std::string, int> cases[] = {
         {{kRun}, "trace_summary.txt", 1},
-        {{kRun + "/qm"}, "trace_summary.txt", 1},
+        {{kRun + "/qm", kRun + "/qm12345.trc"}, "trace_summary.txt", 1},  // each file once
         {{"--json", kRun}, "trace_summary.json", 1},
         {{"--xid", failed, kRun}, "trace_story_failed.txt", 1},
         {{"--xid=4711:0x67747269643031:bqual01", kRun}, "trace_story_committed.txt", 0},

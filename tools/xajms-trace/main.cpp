@@ -3,6 +3,7 @@
 // timeline page. Exit status 0 when every call returned XA_OK, 1 when one did not (or a
 // file could not be read, or the transaction asked for is not there), 2 for a bad command
 // line.
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <optional>
@@ -148,6 +149,8 @@ int main(int argc, char **argv) {
         }
         files.insert(files.end(), found.begin(), found.end());
     }
+    std::sort(files.begin(), files.end());  // a file named twice is read once
+    files.erase(std::unique(files.begin(), files.end()), files.end());
     Summary summary;
     summary.keepTimeline = options->html.has_value();
     summary.onlyXid = options->html ? std::nullopt : options->xid;
