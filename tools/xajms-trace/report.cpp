@@ -98,7 +98,7 @@ std::string readingText(const Summary &s) {
     out += s.unreadable
                ? fmt(", unreadable files %llu)\n", static_cast<unsigned long long>(s.unreadable))
                : std::string(")\n");
-    if (s.read.lines > s.malformed) {
+    if (s.timed) {
         out += "time: " + formatTime(s.first) + " to " + formatTime(s.last) + " UTC\n";
     }
     return out;

@@ -158,44 +158,53 @@ std::vector<Call> Summary::story(const std::string &xid) const {
     return steps;
 }
 
+FileReader::FileReader(Summary &summary, std::string file)
+    : summary_(summary), file_(std::move(file)) {
+    summary_.files.push_back(file_);
+}
+
+void FileReader::line(std::string_view text) {
+    const std::optional<TraceLine> line = parseTraceLine(text);
+    if (!line) {
+        ++summary_.malformed;
+        return;
+    }
+    auto it = pairings_.find(line->pid);
+    if (it == pairings_.end() && summary_.lanes.size() >= kMaxLanes) {
+        ++summary_.malformed;  // junk that happens to look like a line of a new process
+        return;
+    }
+    if (it == pairings_.end()) {
+        const std::size_t lane = summary_.lane(file_, line->pid);
+        auto pairing = std::make_unique<Pairing>(
+            lane, [this](Call &&call) { summary_.add(std::move(call)); });
+        it = pairings_.emplace(std::string(line->pid), std::move(pairing)).first;
+    }
+    summary_.first = summary_.timed ? std::min(summary_.first, line->micros) : line->micros;
+    summary_.last = summary_.timed ? std::max(summary_.last, line->micros) : line->micros;
+    summary_.timed = true;
+    it->second->line(*line);
+}
+
+void FileReader::finish() {
+    for (auto &[pid, pairing] : pairings_) {
+        pairing->finish();
+    }
+}
+
 bool readTraces(const std::vector<std::string> &files, Summary &summary, std::string &why) {
     bool allRead = true;
-    bool anyTime = false;
     for (const std::string &file : files) {
-        summary.files.push_back(file);
-        // One pairing per process of the file (a file normally holds one).
-        std::map<std::string, std::unique_ptr<Pairing>, std::less<>> pairings;
-        const auto each = [&](std::string_view text) {
-            const std::optional<TraceLine> line = parseTraceLine(text);
-            if (!line) {
-                ++summary.malformed;
-                return;
-            }
-            auto it = pairings.find(line->pid);
-            if (it == pairings.end() && summary.lanes.size() >= kMaxLanes) {
-                ++summary.malformed;  // junk that happens to look like a line of a new process
-                return;
-            }
-            if (it == pairings.end()) {
-                const std::size_t lane = summary.lane(file, line->pid);
-                auto pairing = std::make_unique<Pairing>(
-                    lane, [&summary](Call &&call) { summary.add(std::move(call)); });
-                it = pairings.emplace(std::string(line->pid), std::move(pairing)).first;
-            }
-            summary.first = anyTime ? std::min(summary.first, line->micros) : line->micros;
-            summary.last = anyTime ? std::max(summary.last, line->micros) : line->micros;
-            anyTime = true;
-            it->second->line(*line);
-        };
+        FileReader reader(summary, file);
         std::string failed;
-        if (!readLines(file, each, summary.read, failed)) {
+        if (!readLines(
+                file, [&reader](std::string_view text) { reader.line(text); }, summary.read,
+                failed)) {
             ++summary.unreadable;
             why = failed;
             allRead = false;
         }
-        for (auto &[pid, pairing] : pairings) {
-            pairing->finish();
-        }
+        reader.finish();
     }
     return allRead;
 }

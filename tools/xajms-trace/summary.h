@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -75,7 +76,8 @@ class Summary {
     ReadCounts read;
     std::uint64_t malformed = 0;
     std::uint64_t unreadable = 0;  // files that could not be read
-    std::int64_t first = 0, last = 0;
+    std::int64_t first = 0, last = 0;  // the earliest and latest time stamp read
+    bool timed = false;                // whether any line was read
 
     // Results.
     std::vector<Lane> lanes;
@@ -101,6 +103,20 @@ class Summary {
 
     Limits limits_;
     std::map<std::pair<std::string, std::string>, std::size_t> laneIndex_;
+};
+
+// Feeds the lines of one file into a summary: one pairing per process of the file (a file
+// normally holds one). finish() ends the calls still open.
+class FileReader {
+  public:
+    FileReader(Summary &summary, std::string file);
+    void line(std::string_view text);
+    void finish();
+
+  private:
+    Summary &summary_;
+    std::string file_;
+    std::map<std::string, std::unique_ptr<Pairing>, std::less<>> pairings_;
 };
 
 // Reads every file into a summary. Returns false when a file could not be read (the others
