@@ -270,7 +270,7 @@ TEST(TraceTool, RefusesABadCommandLineAndReportsAMissingFile) {
         {{}, 2, "xajms-trace: no trace file given (see --help)\n"},
         {{"--xid", "1:g", kRun}, 2, "xajms-trace: --xid: expected F:GTRID:BQUAL, got '1:g'\n"},
         {{"--frob", kRun}, 2, "xajms-trace: unexpected argument '--frob' (see --help)\n"},
-        {{"--html"}, 2, "xajms-trace: unexpected argument '--html' (see --help)\n"},
+        {{"--html"}, 2, "xajms-trace: --html: missing value\n"},
         {{"/nonexistent/qm"},
          1,
          "xajms-trace: /nonexistent/qm: no trace file (not a file, a directory with .trc "

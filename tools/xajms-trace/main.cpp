@@ -81,16 +81,19 @@ std::optional<Options> parse(int argc, char **argv, std::string &why) {
     Options o;
     for (int i = 1; i < argc && why.empty(); ++i) {
         const std::string_view arg = argv[i];
-        std::optional<std::string> v;
+        const std::optional<std::string> xid = value("--xid", argc, argv, i);
+        const std::optional<std::string> html = xid ? std::nullopt : value("--html", argc, argv, i);
         if (arg == "--json" || arg == "--help") {
             (arg == "--json" ? o.json : o.help) = true;
-        } else if (arg.starts_with("--xid") && (v = value("--xid", argc, argv, i))) {
-            const auto parts = xajms::tools::parseXid(*v, why);
-            why = parts ? "" : "--xid: " + why + ", got '" + *v + "'";
+        } else if (xid) {
+            const auto parts = xajms::tools::parseXid(*xid, why);
+            why = parts ? "" : "--xid: " + why + ", got '" + *xid + "'";
             o.xid = parts ? std::optional(xajms::tools::formatXid(*parts)) : std::nullopt;
-        } else if (arg.starts_with("--html") && (v = value("--html", argc, argv, i))) {
-            o.html = *v;
-            why = v->empty() ? "--html: empty file name" : "";
+        } else if (html) {
+            o.html = *html;
+            why = html->empty() ? "--html: empty file name" : "";
+        } else if (arg == "--xid" || arg == "--html") {
+            why = std::string(arg) + ": missing value";
         } else if (arg.starts_with("-") && arg != "-") {
             why = "unexpected argument '" + std::string(arg) + "' (see --help)";
         } else {
