@@ -183,6 +183,15 @@ std::string exit(int us, int indent, std::string_view fn, std::string_view data 
 std::string result(int us, int indent, std::string_view name) {
     return traceLine(us, indent, "                ", "Return code = " + std::string(name));
 }
+// The three dump lines of the XID 1:g:b, its bytes in hex as the trace writes them.
+std::string xidDump(int us, int indent, std::string_view fn) {
+    std::string out;
+    for (const char *text :
+         {"Xid Format : 1", "Xid gtrid length=1  data=67", "Xid bqual length=1  data=62"}) {
+        out += traceLine(us, indent, "   Varnelink ", std::string(fn) + "   " + text);
+    }
+    return out;
+}
 
 TEST(TraceTool, MalformedInputsAreCountedAndNeverDerailThePairing) {
     if (traceToolPath().empty()) {
@@ -241,6 +250,16 @@ TEST(TraceTool, MalformedInputsAreCountedAndNeverDerailThePairing) {
          {"xa_commit_entry_jms                                 1        0       0.200       0.200       0.200",
           "xa_prepare_entry_jms                                1        0       0.790       0.790       0.790",
           "XA_RDONLY" + std::string(15, ' ') + "1"},
+         1},
+        {"a start takes the XID of the next end",  // start dumps no XID of its own
+         entry(100, 1, "xa_start_entry_jms", "rmid=1 ") + result(150, 0, "XAER_RMERR    ") +
+             exit(200, 1, "xa_start_entry_jms", "jniXAJMSStart_jms returned -3") +
+             entry(300, 1, "xa_end_entry_jms", "rmid=1 ") + xidDump(300, 1, "xa_end_entry_jms") +
+             result(350, 0, "XA_OK         ") + exit(400, 1, "xa_end_entry_jms"),
+         {"calls: 2, transactions: 1", "  transaction 1:g:b",
+          "    +0.000 ms  2026-11-16 07:50:58.000100  pid 12345  xa_start_entry_jms  XAER_RMERR  "
+          "0.100 ms  (XID of the following end)",
+          "    +0.200 ms  2026-11-16 07:50:58.000300  pid 12345  xa_end_entry_jms  XA_OK  0.100 ms"},
          1},
     };
     TempDir dir;
