@@ -46,7 +46,7 @@ calls; and every call that did not return XA_OK, with the steps of its transacti
   --html FILE          also write a timeline page to FILE: one self-contained HTML file
                        (no network) with a lane per process, a bar per call coloured by
                        its result, and the transactions to choose from
-  --help               print this text and exit
+  -h, --help           print this text and exit
 
 Malformed lines (binary junk, a torn last line, lines over 64 KiB) are counted and skipped.
 Memory stays bounded whatever the size of the files.
@@ -83,7 +83,7 @@ std::optional<Options> parse(int argc, char **argv, std::string &why) {
         const std::string_view arg = argv[i];
         const std::optional<std::string> xid = value("--xid", argc, argv, i);
         const std::optional<std::string> html = xid ? std::nullopt : value("--html", argc, argv, i);
-        if (arg == "--json" || arg == "--help") {
+        if (arg == "--json" || arg == "--help" || arg == "-h") {
             (arg == "--json" ? o.json : o.help) = true;
         } else if (xid) {
             const auto parts = xajms::tools::parseXid(*xid, why);
