@@ -1,0 +1,287 @@
+// The execution group's listener: a thread that accepts the library's connections on an
+// ephemeral loopback port registered in the registry file, and one thread per connection
+// that reads requests, bounds-checked, and answers them from the branch outcomes. A request
+// that cannot be one of the library's closes its connection only. "Cleanup Java Process"
+// stops the listener: requests in flight finish, the row is emptied, prepared branches stay
+// in PostgreSQL for recovery.
+#include "eg.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <exception>
+#include <list>
+
+#include "listen_socket.h"
+#include "registry_row.h"
+
+namespace xajms::eg {
+
+namespace {
+
+using listener::Descriptor;
+using listener::RequestType;
+
+struct Worker {
+    explicit Worker(int descriptor) : fd(descriptor) {}
+    int fd;
+    std::thread thread;
+    std::atomic<bool> done{false};
+};
+
+class Listener {
+  public:
+    explicit Listener(const std::string &eg);
+    ~Listener();
+    Listener(const Listener &) = delete;
+    Listener &operator=(const Listener &) = delete;
+
+    void requestStop();
+
+  private:
+    void run();
+    void serve(int fd);
+    bool handle(int fd, const listener::Header &h, std::span<const std::uint8_t> payload);
+    void reapWorkers();
+    void stopWorkers();
+
+    Descriptor socket_;
+    int port_ = 0;
+    std::optional<listener::RegistryRow> row_;
+    Descriptor wake_;
+    std::mutex workersMutex_;
+    std::list<Worker> workers_;
+    std::thread thread_;
+};
+
+std::mutex stateMutex;
+std::condition_variable stopped;
+Listener *current = nullptr;
+bool running = false;
+bool closedOnce = false;
+
+bool readFull(int fd, std::uint8_t *at, std::size_t length) {
+    while (length > 0) {
+        const ssize_t n = ::read(fd, at, length);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        at += n;
+        length -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+bool writeFull(int fd, const std::uint8_t *at, std::size_t length) {
+    while (length > 0) {
+        const ssize_t n = ::send(fd, at, length, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        at += n;
+        length -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// The answer to a completion request: XAER_INVAL for an XID that cannot be a branch.
+int complete(RequestType type, const listener::XidView &v, int rmid, std::uint64_t flags) {
+    XID xid{};
+    if (v.gtrid.size() > 64 || v.bqual.size() > 64) {
+        return XAER_INVAL;
+    }
+    xid.formatID = static_cast<long>(v.formatId);
+    xid.gtrid_length = static_cast<long>(v.gtrid.size());
+    xid.bqual_length = static_cast<long>(v.bqual.size());
+    std::copy(v.gtrid.begin(), v.gtrid.end(), xid.data);
+    std::copy(v.bqual.begin(), v.bqual.end(), xid.data + v.gtrid.size());
+    switch (type) {
+        case RequestType::prepare:
+            return prepareBranch(xid, rmid);
+        case RequestType::commit:
+            return commitBranch(xid, rmid, (flags & static_cast<std::uint64_t>(TMONEPHASE)) != 0);
+        case RequestType::rollback:
+            return rollbackBranch(xid, rmid);
+        default:
+            return XAER_NOTA;  // forget: no heuristic outcome is ever kept
+    }
+}
+
+Listener::Listener(const std::string &eg) : wake_(::eventfd(0, EFD_CLOEXEC)) {
+    socket_ = listener::listenOn(0, port_);
+    if (!wake_) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+    row_.emplace(std::string(listener::kDefaultRegistry), listener::Mode::broker, port_, eg,
+                 listener::Sharing::exclusive);
+    thread_ = std::thread([this] { run(); });
+}
+
+Listener::~Listener() {
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+void Listener::requestStop() {
+    const std::uint64_t one = 1;
+    (void)!::write(wake_.get(), &one, sizeof one);
+}
+
+// Accepts until told to stop, then stops the workers, empties the row and says so.
+void Listener::run() {
+    std::array<pollfd, 2> fds{{{socket_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}}};
+    while (::poll(fds.data(), fds.size(), -1) >= 0 || errno == EINTR) {
+        if ((fds[1].revents & POLLIN) != 0) {
+            break;
+        }
+        reapWorkers();
+        const int fd = ::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd >= 0) {
+            const std::lock_guard<std::mutex> lock(workersMutex_);
+            Worker &w = workers_.emplace_back(fd);
+            w.thread = std::thread([this, &w] {
+                serve(w.fd);
+                w.done = true;
+            });
+        }
+    }
+    stopWorkers();
+    row_.reset();
+    socket_.reset();
+    const std::lock_guard<std::mutex> lock(stateMutex);
+    running = false;
+    closedOnce = true;
+    stopped.notify_all();
+}
+
+// Joins the workers whose connection has ended and closes their descriptors.
+void Listener::reapWorkers() {
+    const std::lock_guard<std::mutex> lock(workersMutex_);
+    for (auto w = workers_.begin(); w != workers_.end();) {
+        if (w->done) {
+            w->thread.join();
+            ::close(w->fd);
+            w = workers_.erase(w);
+        } else {
+            ++w;
+        }
+    }
+}
+
+// Lets every request in flight finish: a worker's next read sees the end of its input.
+void Listener::stopWorkers() {
+    {
+        const std::lock_guard<std::mutex> lock(workersMutex_);
+        for (const Worker &w : workers_) {
+            ::shutdown(w.fd, SHUT_RD);
+        }
+    }
+    // Workers no longer change the list once accepting has stopped.
+    for (Worker &w : workers_) {
+        w.thread.join();
+        ::close(w.fd);
+    }
+    workers_.clear();
+}
+
+// Serves one connection until its peer closes it, a request is malformed, or the listener
+// stops. The descriptor is closed by the listener when it stops.
+void Listener::serve(int fd) {
+    std::array<std::uint8_t, listener::kMaxRequestSize> in{};
+    while (readFull(fd, in.data(), listener::kHeaderSize)) {
+        const listener::Header h = listener::decodeHeader(in.data());
+        const std::size_t length = listener::requestLength(h);
+        if (length == 0 || !readFull(fd, in.data() + listener::kHeaderSize,
+                                     length - listener::kHeaderSize)) {
+            break;
+        }
+        const auto payload = std::span<const std::uint8_t>(in.data(), length).subspan(listener::kHeaderSize);
+        if (!handle(fd, h, payload)) {
+            break;
+        }
+    }
+    ::shutdown(fd, SHUT_RDWR);
+}
+
+// Answers one request. Returns false when the connection is to be dropped.
+bool Listener::handle(int fd, const listener::Header &h, std::span<const std::uint8_t> payload) {
+    const auto type = listener::requestTypeFromCode(h.msgType);
+    if (!type) {
+        return false;
+    }
+    if (*type == RequestType::close) {
+        if (std::string_view(reinterpret_cast<const char *>(payload.data()), payload.size()) ==
+            listener::kCleanupText) {
+            requestStop();
+        }
+        return true;
+    }
+    if (*type == RequestType::recover) {
+        std::vector<listener::Xid> xids;
+        if (!recoverBranches(h.rmid, xids)) {
+            return false;
+        }
+        const auto reply = listener::encodeRecoverReply(xids, std::nullopt, std::nullopt);
+        return writeFull(fd, reply.data(), reply.size());
+    }
+    listener::XidView xid{};
+    const listener::XidStatus status = listener::decodeXid(payload, xid);
+    if (status == listener::XidStatus::malformed) {
+        return false;
+    }
+    const int code =
+        status == listener::XidStatus::absent ? XAER_INVAL : complete(*type, xid, h.rmid, h.flags);
+    std::array<std::uint8_t, 4> answer{};
+    listener::putInt(answer.data(), code);
+    return writeFull(fd, answer.data(), answer.size());
+}
+
+}  // namespace
+
+std::string startListener(const std::string &eg) {
+    std::unique_lock<std::mutex> lock(stateMutex);
+    if (running) {
+        return {};
+    }
+    // A listener that stopped on a close is joined before a new one starts.
+    Listener *old = current;
+    current = nullptr;
+    lock.unlock();
+    delete old;
+    lock.lock();
+    if (running || current != nullptr) {
+        return {};
+    }
+    try {
+        current = new Listener(eg);
+        running = true;
+        return {};
+    } catch (const std::exception &e) {
+        return e.what();
+    }
+}
+
+bool waitClosed(int timeoutMs) {
+    std::unique_lock<std::mutex> lock(stateMutex);
+    if (timeoutMs < 0) {
+        stopped.wait(lock, [] { return closedOnce && !running; });
+        return true;
+    }
+    return stopped.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                            [] { return closedOnce && !running; });
+}
+
+}  // namespace xajms::eg

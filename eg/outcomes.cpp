@@ -1,0 +1,245 @@
+// The outcomes of the completion requests, with PostgreSQL's two-phase commit as the
+// resource: prepare, commit and rollback of the branches of this process, and of branches
+// that an earlier process of the group prepared, found by their gid. A branch the group does
+// not hold is never reported as prepared: its work is gone.
+#include "eg.h"
+
+namespace xajms::eg {
+
+namespace {
+
+// A connection of the rmid for one request, given back when the lease ends.
+class Lease {
+  public:
+    explicit Lease(int rmid) : c_(acquire(rmid, nullptr, taken_)) {}
+    ~Lease() {
+        if (c_ != nullptr) {
+            release(c_);
+        }
+    }
+    Lease(const Lease &) = delete;
+    Lease &operator=(const Lease &) = delete;
+    PGconn *pg() const { return c_ != nullptr ? c_->pg : nullptr; }
+    Taken taken() const { return taken_; }
+
+  private:
+    Taken taken_ = Taken::ok;
+    Connection *c_;
+};
+
+// The vote for a transaction that PostgreSQL refused to prepare or commit, and so rolled back.
+int rollbackVote(const std::string &state) {
+    if (state.starts_with("23")) {
+        return XA_RBINTEGRITY;
+    }
+    return state == "40P01" ? XA_RBDEADLOCK : XA_RBROLLBACK;
+}
+
+// Runs ROLLBACK on the branch's connection and retires it. Returns the vote given.
+int abandon(Branch &b, int vote) {
+    if (b.conn != nullptr && PQstatus(b.conn->pg) == CONNECTION_OK &&
+        PQtransactionStatus(b.conn->pg) != PQTRANS_IDLE) {
+        run(b.conn->pg, "ROLLBACK");
+    }
+    retireBranch(b);
+    return vote;
+}
+
+// COMMIT PREPARED or ROLLBACK PREPARED of a gid, on any connection of the rmid. Returns XA_OK,
+// XAER_NOTA when PostgreSQL holds no such prepared transaction (or the rmid is not open
+// here), XAER_RMFAIL when the database cannot be reached, XAER_RMERR for another refusal.
+int finishPrepared(const char *verb, const std::string &gid, int rmid) {
+    Lease lease(rmid);
+    if (lease.pg() == nullptr) {
+        return lease.taken() == Taken::unknownRmid ? XAER_NOTA : XAER_RMFAIL;
+    }
+    const std::string sql = std::string(verb) + " '" + gid + "'";
+    const Reply r = run(lease.pg(), sql.c_str());
+    if (r.ended == Ended::done) {
+        return XA_OK;
+    }
+    if (r.ended == Ended::lost) {
+        return XAER_RMFAIL;
+    }
+    return r.state == "42704" ? XAER_NOTA : XAER_RMERR;
+}
+
+// Prepare of a branch the process does not hold: XA_OK when an earlier prepare reached
+// PostgreSQL, XAER_RMFAIL when that cannot be known, else XA_RBROLLBACK.
+int prepareUnknown(const std::string &gid, int rmid) {
+    Lease lease(rmid);
+    if (lease.pg() == nullptr) {
+        return lease.taken() == Taken::unknownRmid ? XA_RBROLLBACK : XAER_RMFAIL;
+    }
+    const Reply r = run(lease.pg(),
+                        "SELECT 1 FROM pg_prepared_xacts WHERE gid = $1 AND database = "
+                        "current_database()",
+                        {gid});
+    if (r.ended != Ended::done) {
+        return XAER_RMFAIL;
+    }
+    return PQntuples(r.result.get()) > 0 ? XA_OK : XA_RBROLLBACK;
+}
+
+// Prepares an ended branch. A branch that wrote nothing commits at once (XA_RDONLY); a
+// transaction that PostgreSQL has aborted, or aborts instead of preparing, votes rollback.
+// Returns XAER_RMFAIL only when PREPARE was sent and its end is unknown.
+int prepareIdle(Branch &b) {
+    PGconn *pg = b.conn->pg;
+    if (PQtransactionStatus(pg) != PQTRANS_INTRANS) {
+        return abandon(b, PQstatus(pg) == CONNECTION_OK ? XA_RBROLLBACK : XA_RBCOMMFAIL);
+    }
+    const Reply ro = run(pg, "SELECT pg_current_xact_id_if_assigned() IS NULL");
+    if (ro.ended != Ended::done) {
+        return abandon(b, ro.ended == Ended::lost ? XA_RBCOMMFAIL : XA_RBROLLBACK);
+    }
+    if (PQgetvalue(ro.result.get(), 0, 0)[0] == 't') {
+        const Reply commit = run(pg, "COMMIT");
+        const bool done = commit.ended == Ended::done && commit.tag == "COMMIT";
+        return done ? abandon(b, XA_RDONLY) : abandon(b, XA_RBROLLBACK);
+    }
+    const std::string sql = "PREPARE TRANSACTION '" + b.gid + "'";
+    const Reply r = run(pg, sql.c_str());
+    if (r.ended == Ended::done && r.tag == "PREPARE TRANSACTION") {
+        b.state = BranchState::prepared;
+        release(b.conn);
+        b.conn = nullptr;
+        return XA_OK;
+    }
+    if (r.ended == Ended::lost) {
+        return abandon(b, XAER_RMFAIL);
+    }
+    // PREPARE of an aborted transaction answers with the tag ROLLBACK and no error.
+    return abandon(b, r.ended == Ended::refused ? rollbackVote(r.state) : XA_RBROLLBACK);
+}
+
+// One-phase commit of an ended branch: XA_OK, a rollback vote, or XAER_RMFAIL when the
+// connection broke during COMMIT.
+int commitIdle(Branch &b) {
+    if (PQtransactionStatus(b.conn->pg) != PQTRANS_INTRANS) {
+        return abandon(b, XA_RBROLLBACK);
+    }
+    const Reply r = run(b.conn->pg, "COMMIT");
+    if (r.ended == Ended::done) {
+        return abandon(b, r.tag == "COMMIT" ? XA_OK : XA_RBROLLBACK);
+    }
+    return abandon(b, r.ended == Ended::lost ? XAER_RMFAIL : rollbackVote(r.state));
+}
+
+// A branch that is still associated with a thread, or suspended, cannot be completed.
+bool associatedOrSuspended(const Branch &b) {
+    return b.state == BranchState::active || b.state == BranchState::suspended;
+}
+
+}  // namespace
+
+int prepareBranch(const XID &xid, int rmid) {
+    const std::string gid = encodeGid(xid, group(), rmid);
+    if (gid.empty()) {
+        return XAER_INVAL;
+    }
+    const std::shared_ptr<Branch> b = findBranch(gid);
+    if (b == nullptr) {
+        return prepareUnknown(gid, rmid);
+    }
+    const std::lock_guard<std::mutex> lock(b->m);
+    if (b->removed) {
+        return prepareUnknown(gid, rmid);
+    }
+    switch (b->state) {
+        case BranchState::idle:
+            return prepareIdle(*b);
+        case BranchState::failed:
+            return abandon(*b, XA_RBROLLBACK);
+        case BranchState::prepared:
+            return XA_OK;
+        default:
+            return XAER_PROTO;
+    }
+}
+
+// Commit: one-phase of an ended branch, or COMMIT PREPARED. A one-phase commit of a branch
+// the process does not hold votes rollback: its work is gone.
+int commitBranch(const XID &xid, int rmid, bool onePhase) {
+    const std::string gid = encodeGid(xid, group(), rmid);
+    if (gid.empty()) {
+        return XAER_INVAL;
+    }
+    const std::shared_ptr<Branch> b = findBranch(gid);
+    std::unique_lock<std::mutex> lock;
+    if (b != nullptr) {
+        lock = std::unique_lock<std::mutex>(b->m);
+    }
+    if (b == nullptr || b->removed) {
+        return onePhase ? XA_RBROLLBACK : finishPrepared("COMMIT PREPARED", gid, rmid);
+    }
+    if (associatedOrSuspended(*b) || onePhase != (b->state != BranchState::prepared)) {
+        return XAER_PROTO;
+    }
+    if (b->state == BranchState::failed) {
+        return abandon(*b, XA_RBROLLBACK);
+    }
+    if (onePhase) {
+        return commitIdle(*b);
+    }
+    const int rc = finishPrepared("COMMIT PREPARED", gid, rmid);
+    if (rc == XA_OK || rc == XAER_NOTA) {
+        retireBranch(*b);
+    }
+    return rc;
+}
+
+// Rollback: ROLLBACK of an ended branch (XA_OK also when its connection is gone, since the
+// server has then aborted it), ROLLBACK PREPARED of a prepared one.
+int rollbackBranch(const XID &xid, int rmid) {
+    const std::string gid = encodeGid(xid, group(), rmid);
+    if (gid.empty()) {
+        return XAER_INVAL;
+    }
+    const std::shared_ptr<Branch> b = findBranch(gid);
+    std::unique_lock<std::mutex> lock;
+    if (b != nullptr) {
+        lock = std::unique_lock<std::mutex>(b->m);
+    }
+    if (b == nullptr || b->removed) {
+        return finishPrepared("ROLLBACK PREPARED", gid, rmid);
+    }
+    if (associatedOrSuspended(*b)) {
+        return XAER_PROTO;
+    }
+    if (b->state != BranchState::prepared) {
+        return abandon(*b, XA_OK);
+    }
+    const int rc = finishPrepared("ROLLBACK PREPARED", gid, rmid);
+    if (rc == XA_OK || rc == XAER_NOTA) {
+        retireBranch(*b);
+    }
+    return rc;
+}
+
+bool recoverBranches(int rmid, std::vector<listener::Xid> &out) {
+    Lease lease(rmid);
+    if (lease.pg() == nullptr) {
+        return lease.taken() == Taken::unknownRmid;
+    }
+    const Reply r = run(lease.pg(),
+                        "SELECT gid FROM pg_prepared_xacts WHERE database = current_database() "
+                        "AND starts_with(gid, $1) ORDER BY prepared",
+                        {gidPrefix(group(), rmid)});
+    if (r.ended != Ended::done) {
+        return false;
+    }
+    for (int i = 0; i < PQntuples(r.result.get()); ++i) {
+        const auto parts = decodeGid(PQgetvalue(r.result.get(), i, 0));
+        if (!parts) {
+            continue;
+        }
+        const auto *data = reinterpret_cast<const std::uint8_t *>(parts->xid.data);
+        const auto g = static_cast<std::size_t>(parts->xid.gtrid_length);
+        const auto q = static_cast<std::size_t>(parts->xid.bqual_length);
+        out.push_back(listener::Xid{parts->xid.formatID, {data, data + g}, {data + g, data + g + q}});
+    }
+    return true;
+}
+
+}  // namespace xajms::eg
