@@ -18,6 +18,12 @@
 extern "C" {
 #endif
 
+struct JNISwitchJMS;
+
+/* The table of open, start and end entries that libxajms fetches from the companion library
+ * (declared in xajms/xajms.h). */
+XAJMS_EG_API struct JNISwitchJMS *JNIStartJMS(void);
+
 /* The connection of the branch that the calling thread has started (and not ended or
  * suspended) for the rmid, or null when it has none. Statements run on it belong to the
  * branch; the connection stays the execution group's: never close it, never COMMIT or
