@@ -43,31 +43,28 @@ int openWorker(const char *openstring, int rmid, long flags) {
     return XA_OK;
 }
 
-int egOpen(char *openstring, int rmid, long flags) {
+// Runs an entry's work; an exception (out of memory, a thread that cannot start) is reported
+// and answered with XAER_RMERR.
+template <typename Work>
+int guarded(const char *entry, int rmid, Work work) {
     try {
-        return openWorker(openstring, rmid, flags);
+        return work();
     } catch (const std::exception &e) {
-        report("open of rmid %d failed: %s", rmid, e.what());
+        report("%s of rmid %d failed: %s", entry, rmid, e.what());
         return XAER_RMERR;
     }
+}
+
+int egOpen(char *openstring, int rmid, long flags) {
+    return guarded("open", rmid, [&] { return openWorker(openstring, rmid, flags); });
 }
 
 int egStart(XID *xid, int rmid, long flags) {
-    try {
-        return startBranch(xid, rmid, flags);
-    } catch (const std::exception &e) {
-        report("start on rmid %d failed: %s", rmid, e.what());
-        return XAER_RMERR;
-    }
+    return guarded("start", rmid, [&] { return startBranch(xid, rmid, flags); });
 }
 
 int egEnd(XID *xid, int rmid, long flags) {
-    try {
-        return endBranch(xid, rmid, flags);
-    } catch (const std::exception &e) {
-        report("end on rmid %d failed: %s", rmid, e.what());
-        return XAER_RMERR;
-    }
+    return guarded("end", rmid, [&] { return endBranch(xid, rmid, flags); });
 }
 
 JNISwitchJMS table = {egOpen, nullptr, egStart, egEnd};

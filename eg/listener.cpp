@@ -66,9 +66,12 @@ Listener *current = nullptr;
 bool running = false;
 bool closedOnce = false;
 
-bool readFull(int fd, std::uint8_t *at, std::size_t length) {
+// Moves all of the bytes through the call (read or send), retrying EINTR. Returns false when
+// the connection ended or failed first.
+template <typename Byte, typename Call>
+bool whole(Byte *at, std::size_t length, Call call) {
     while (length > 0) {
-        const ssize_t n = ::read(fd, at, length);
+        const ssize_t n = call(at, length);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -81,19 +84,14 @@ bool readFull(int fd, std::uint8_t *at, std::size_t length) {
     return true;
 }
 
+bool readFull(int fd, std::uint8_t *at, std::size_t length) {
+    return whole(at, length, [fd](std::uint8_t *p, std::size_t n) { return ::read(fd, p, n); });
+}
+
 bool writeFull(int fd, const std::uint8_t *at, std::size_t length) {
-    while (length > 0) {
-        const ssize_t n = ::send(fd, at, length, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        at += n;
-        length -= static_cast<std::size_t>(n);
-    }
-    return true;
+    return whole(at, length, [fd](const std::uint8_t *p, std::size_t n) {
+        return ::send(fd, p, n, MSG_NOSIGNAL);
+    });
 }
 
 // The answer to a completion request: XAER_INVAL for an XID that cannot be a branch.

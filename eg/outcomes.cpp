@@ -131,26 +131,49 @@ bool associatedOrSuspended(const Branch &b) {
     return b.state == BranchState::active || b.state == BranchState::suspended;
 }
 
+// The branch a request names, its mutex held while the request runs on it.
+struct Held {
+    Held(const XID &xid, int rmid) : gid(encodeGid(xid, group(), rmid)), rmid_(rmid) {
+        b = gid.empty() ? nullptr : findBranch(gid);
+        if (b != nullptr) {
+            lock = std::unique_lock<std::mutex>(b->m);
+        }
+    }
+    // Whether the process holds the branch: known, and not completed meanwhile.
+    bool held() const { return b != nullptr && !b->removed; }
+    // COMMIT PREPARED or ROLLBACK PREPARED of the held, prepared branch; retired once
+    // PostgreSQL no longer holds it.
+    int finish(const char *verb) {
+        const int rc = finishPrepared(verb, gid, rmid_);
+        if (rc == XA_OK || rc == XAER_NOTA) {
+            retireBranch(*b);
+        }
+        return rc;
+    }
+
+    const std::string gid;
+    std::shared_ptr<Branch> b;
+    std::unique_lock<std::mutex> lock;
+
+  private:
+    int rmid_;
+};
+
 }  // namespace
 
 int prepareBranch(const XID &xid, int rmid) {
-    const std::string gid = encodeGid(xid, group(), rmid);
-    if (gid.empty()) {
+    Held h(xid, rmid);
+    if (h.gid.empty()) {
         return XAER_INVAL;
     }
-    const std::shared_ptr<Branch> b = findBranch(gid);
-    if (b == nullptr) {
-        return prepareUnknown(gid, rmid);
+    if (!h.held()) {
+        return prepareUnknown(h.gid, rmid);
     }
-    const std::lock_guard<std::mutex> lock(b->m);
-    if (b->removed) {
-        return prepareUnknown(gid, rmid);
-    }
-    switch (b->state) {
+    switch (h.b->state) {
         case BranchState::idle:
-            return prepareIdle(*b);
+            return prepareIdle(*h.b);
         case BranchState::failed:
-            return abandon(*b, XA_RBROLLBACK);
+            return abandon(*h.b, XA_RBROLLBACK);
         case BranchState::prepared:
             return XA_OK;
         default:
@@ -161,60 +184,37 @@ int prepareBranch(const XID &xid, int rmid) {
 // Commit: one-phase of an ended branch, or COMMIT PREPARED. A one-phase commit of a branch
 // the process does not hold votes rollback: its work is gone.
 int commitBranch(const XID &xid, int rmid, bool onePhase) {
-    const std::string gid = encodeGid(xid, group(), rmid);
-    if (gid.empty()) {
+    Held h(xid, rmid);
+    if (h.gid.empty()) {
         return XAER_INVAL;
     }
-    const std::shared_ptr<Branch> b = findBranch(gid);
-    std::unique_lock<std::mutex> lock;
-    if (b != nullptr) {
-        lock = std::unique_lock<std::mutex>(b->m);
+    if (!h.held()) {
+        return onePhase ? XA_RBROLLBACK : finishPrepared("COMMIT PREPARED", h.gid, rmid);
     }
-    if (b == nullptr || b->removed) {
-        return onePhase ? XA_RBROLLBACK : finishPrepared("COMMIT PREPARED", gid, rmid);
-    }
-    if (associatedOrSuspended(*b) || onePhase != (b->state != BranchState::prepared)) {
+    if (associatedOrSuspended(*h.b) || onePhase != (h.b->state != BranchState::prepared)) {
         return XAER_PROTO;
     }
-    if (b->state == BranchState::failed) {
-        return abandon(*b, XA_RBROLLBACK);
+    if (h.b->state == BranchState::failed) {
+        return abandon(*h.b, XA_RBROLLBACK);
     }
-    if (onePhase) {
-        return commitIdle(*b);
-    }
-    const int rc = finishPrepared("COMMIT PREPARED", gid, rmid);
-    if (rc == XA_OK || rc == XAER_NOTA) {
-        retireBranch(*b);
-    }
-    return rc;
+    return onePhase ? commitIdle(*h.b) : h.finish("COMMIT PREPARED");
 }
 
 // Rollback: ROLLBACK of an ended branch (XA_OK also when its connection is gone, since the
 // server has then aborted it), ROLLBACK PREPARED of a prepared one.
 int rollbackBranch(const XID &xid, int rmid) {
-    const std::string gid = encodeGid(xid, group(), rmid);
-    if (gid.empty()) {
+    Held h(xid, rmid);
+    if (h.gid.empty()) {
         return XAER_INVAL;
     }
-    const std::shared_ptr<Branch> b = findBranch(gid);
-    std::unique_lock<std::mutex> lock;
-    if (b != nullptr) {
-        lock = std::unique_lock<std::mutex>(b->m);
+    if (!h.held()) {
+        return finishPrepared("ROLLBACK PREPARED", h.gid, rmid);
     }
-    if (b == nullptr || b->removed) {
-        return finishPrepared("ROLLBACK PREPARED", gid, rmid);
-    }
-    if (associatedOrSuspended(*b)) {
+    if (associatedOrSuspended(*h.b)) {
         return XAER_PROTO;
     }
-    if (b->state != BranchState::prepared) {
-        return abandon(*b, XA_OK);
-    }
-    const int rc = finishPrepared("ROLLBACK PREPARED", gid, rmid);
-    if (rc == XA_OK || rc == XAER_NOTA) {
-        retireBranch(*b);
-    }
-    return rc;
+    return h.b->state == BranchState::prepared ? h.finish("ROLLBACK PREPARED")
+                                               : abandon(*h.b, XA_OK);
 }
 
 bool recoverBranches(int rmid, std::vector<listener::Xid> &out) {

@@ -19,6 +19,8 @@
 #include <vector>
 
 #include "registry/registry.h"
+#include "support/loopback.h"
+#include "support/orlom.h"
 
 namespace xajms::test {
 
@@ -26,6 +28,15 @@ namespace xajms::test {
 inline std::string clusterDir() {
     const char *dir = std::getenv("XAJMS_PG_DIR");
     return dir != nullptr ? dir : "";
+}
+
+// Enters the test's private /var/orlom and keeps descriptor 0 away from its sockets. Returns
+// why the test cannot run here (no cluster, no private /var/orlom), or empty. Call it first.
+inline std::string enterPostgresTest() {
+    const std::string why =
+        clusterDir().empty() ? "no cluster (run under scripts/pg-fixture)" : enterPrivateOrlom();
+    occupyDescriptorZero();
+    return why;
 }
 
 // Runs scripts/pg-fixture with the verb (start, stop, kill) on the cluster; true on success.

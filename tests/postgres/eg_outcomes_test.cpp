@@ -7,8 +7,6 @@
 
 #include "cluster.h"
 #include "protocol/protocol.h"
-#include "support/loopback.h"
-#include "support/orlom.h"
 
 namespace xajms::test {
 namespace {
@@ -21,14 +19,10 @@ enum class State { associated, ended, readOnly, violating, failed, prepared, unk
 class EgOutcomes : public ::testing::Test {
   protected:
     void SetUp() override {
-        std::string why = clusterDir().empty() ? "no cluster (run under scripts/pg-fixture)" : "";
-        if (why.empty()) {
-            why = enterPrivateOrlom();
-        }
+        const std::string why = enterPostgresTest();
         if (!why.empty()) {
             GTEST_SKIP() << why;
         }
-        occupyDescriptorZero();
         db.emplace("outcomes");
         std::string open = "eg=EGT conninfo='" + db->conninfo + "'";
         ASSERT_EQ(companion().jniXAJMSOpen(open.data(), 1, TMNOFLAGS), XA_OK);

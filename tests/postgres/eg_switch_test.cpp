@@ -13,8 +13,6 @@
 #include <functional>
 
 #include "cluster.h"
-#include "support/loopback.h"
-#include "support/orlom.h"
 
 namespace xajms::test {
 namespace {
@@ -22,14 +20,10 @@ namespace {
 class EgSwitch : public ::testing::TestWithParam<const char *> {
   protected:
     void SetUp() override {
-        std::string why = clusterDir().empty() ? "no cluster (run under scripts/pg-fixture)" : "";
-        if (why.empty()) {
-            why = enterPrivateOrlom();
-        }
+        const std::string why = enterPostgresTest();
         if (!why.empty()) {
             GTEST_SKIP() << why;
         }
-        occupyDescriptorZero();
         db.emplace("switch");
         ZJavaInitSwitchJMS();
         sw = reinterpret_cast<xa_switch_t *(*)()>(dlsym(RTLD_DEFAULT, GetParam()))();
