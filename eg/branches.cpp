@@ -13,8 +13,17 @@ namespace {
 constexpr long kStartFlags = TMJOIN | TMRESUME;
 constexpr long kEndFlags = TMSUCCESS | TMFAIL | TMSUSPEND;
 
-std::mutex tableMutex;
-std::map<std::string, std::shared_ptr<Branch>> table;
+// The branches of the process by gid. Never destroyed, as the listener's threads may still
+// use it while the process exits.
+struct Table {
+    std::mutex m;
+    std::map<std::string, std::shared_ptr<Branch>> byGid;
+};
+
+Table &table() {
+    static Table *const branches = new Table;
+    return *branches;
+}
 
 // The calling thread's associated branch and own connection, per rmid.
 thread_local std::map<int, std::shared_ptr<Branch>> associated;
@@ -33,8 +42,8 @@ int beginBranch(const std::string &gid, int rmid) {
     b->rmid = rmid;
     b->conn = c;
     {
-        const std::lock_guard<std::mutex> lock(tableMutex);
-        if (!table.emplace(gid, b).second) {
+        const std::lock_guard<std::mutex> lock(table().m);
+        if (!table().byGid.emplace(gid, b).second) {
             release(c);
             return XAER_DUPID;
         }
@@ -126,9 +135,9 @@ PGconn *threadConnection(int rmid) {
 }
 
 std::shared_ptr<Branch> findBranch(const std::string &gid) {
-    const std::lock_guard<std::mutex> lock(tableMutex);
-    const auto it = table.find(gid);
-    return it == table.end() ? nullptr : it->second;
+    const std::lock_guard<std::mutex> lock(table().m);
+    const auto it = table().byGid.find(gid);
+    return it == table().byGid.end() ? nullptr : it->second;
 }
 
 void retireBranch(Branch &b) {
@@ -137,8 +146,8 @@ void retireBranch(Branch &b) {
         release(b.conn);
         b.conn = nullptr;
     }
-    const std::lock_guard<std::mutex> lock(tableMutex);
-    table.erase(b.gid);
+    const std::lock_guard<std::mutex> lock(table().m);
+    table().byGid.erase(b.gid);
 }
 
 }  // namespace xajms::eg

@@ -17,6 +17,7 @@
 #include <condition_variable>
 #include <exception>
 #include <list>
+#include <utility>
 
 #include "listen_socket.h"
 #include "registry_row.h"
@@ -60,11 +61,20 @@ class Listener {
     std::thread thread_;
 };
 
-std::mutex stateMutex;
-std::condition_variable stopped;
-Listener *current = nullptr;
-bool running = false;
-bool closedOnce = false;
+// Whether a listener runs, and whether one has stopped on a close. Never destroyed: the
+// listener thread may still use it while the process exits.
+struct State {
+    std::mutex m;
+    std::condition_variable stopped;
+    Listener *current = nullptr;
+    bool running = false;
+    bool closedOnce = false;
+};
+
+State &state() {
+    static State *const listenerState = new State;
+    return *listenerState;
+}
 
 // Moves all of the bytes through the call (read or send), retrying EINTR. Returns false when
 // the connection ended or failed first.
@@ -159,10 +169,11 @@ void Listener::run() {
     stopWorkers();
     row_.reset();
     socket_.reset();
-    const std::lock_guard<std::mutex> lock(stateMutex);
-    running = false;
-    closedOnce = true;
-    stopped.notify_all();
+    State &s = state();
+    const std::lock_guard<std::mutex> lock(s.m);
+    s.running = false;
+    s.closedOnce = true;
+    s.stopped.notify_all();
 }
 
 // Joins the workers whose connection has ended and closes their descriptors.
@@ -250,22 +261,22 @@ bool Listener::handle(int fd, const listener::Header &h, std::span<const std::ui
 }  // namespace
 
 std::string startListener(const std::string &eg) {
-    std::unique_lock<std::mutex> lock(stateMutex);
-    if (running) {
+    State &s = state();
+    std::unique_lock<std::mutex> lock(s.m);
+    if (s.running) {
         return {};
     }
     // A listener that stopped on a close is joined before a new one starts.
-    Listener *old = current;
-    current = nullptr;
+    Listener *old = std::exchange(s.current, nullptr);
     lock.unlock();
     delete old;
     lock.lock();
-    if (running || current != nullptr) {
+    if (s.running || s.current != nullptr) {
         return {};
     }
     try {
-        current = new Listener(eg);
-        running = true;
+        s.current = new Listener(eg);
+        s.running = true;
         return {};
     } catch (const std::exception &e) {
         return e.what();
@@ -273,13 +284,14 @@ std::string startListener(const std::string &eg) {
 }
 
 bool waitClosed(int timeoutMs) {
-    std::unique_lock<std::mutex> lock(stateMutex);
+    State &s = state();
+    std::unique_lock<std::mutex> lock(s.m);
+    const auto closed = [&s] { return s.closedOnce && !s.running; };
     if (timeoutMs < 0) {
-        stopped.wait(lock, [] { return closedOnce && !running; });
+        s.stopped.wait(lock, closed);
         return true;
     }
-    return stopped.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                            [] { return closedOnce && !running; });
+    return s.stopped.wait_for(lock, std::chrono::milliseconds(timeoutMs), closed);
 }
 
 }  // namespace xajms::eg

@@ -15,10 +15,19 @@ struct Resource {
     std::vector<std::unique_ptr<Connection>> connections;
 };
 
-std::mutex resourceMutex;
-std::string groupNameText;
-std::uint32_t groupTagValue = 0;
-std::map<int, Resource> resources;
+// The process's resources. Never destroyed: the listener's threads may still use them while
+// the process exits, and the connections stay reachable until the end.
+struct Resources {
+    std::mutex m;
+    std::string groupName;
+    std::uint32_t groupTag = 0;
+    std::map<int, Resource> byRmid;
+};
+
+Resources &state() {
+    static Resources *const resources = new Resources;
+    return *resources;
+}
 
 // The server's notices (a ROLLBACK outside a transaction warns) are not the host's output.
 void ignoreNotice(void * /*arg*/, const char * /*message*/) {}
@@ -51,13 +60,13 @@ bool canPrepare(PGconn *pg, int rmid) {
 
 // Whether this open agrees with what the process has opened before; reports when not.
 bool agrees(const OpenString &open, int rmid) {
-    if (!groupNameText.empty() && groupNameText != open.eg) {
+    if (!state().groupName.empty() && state().groupName != open.eg) {
         report("open of rmid %d refused: this process serves execution group %s, not %s", rmid,
-               groupNameText.c_str(), open.eg.c_str());
+               state().groupName.c_str(), open.eg.c_str());
         return false;
     }
-    const auto it = resources.find(rmid);
-    if (it != resources.end() && it->second.conninfo != open.conninfo) {
+    const auto it = state().byRmid.find(rmid);
+    if (it != state().byRmid.end() && it->second.conninfo != open.conninfo) {
         report("open of rmid %d refused: the rmid is open on another database", rmid);
         return false;
     }
@@ -68,11 +77,11 @@ bool agrees(const OpenString &open, int rmid) {
 
 int openResource(const OpenString &open, int rmid) {
     {
-        const std::lock_guard<std::mutex> lock(resourceMutex);
+        const std::lock_guard<std::mutex> lock(state().m);
         if (!agrees(open, rmid)) {
             return XAER_INVAL;
         }
-        if (resources.contains(rmid)) {
+        if (state().byRmid.contains(rmid)) {
             return XA_OK;
         }
     }
@@ -81,57 +90,57 @@ int openResource(const OpenString &open, int rmid) {
         PQfinish(pg);
         return XAER_RMERR;
     }
-    const std::lock_guard<std::mutex> lock(resourceMutex);
+    const std::lock_guard<std::mutex> lock(state().m);
     if (!agrees(open, rmid)) {
         PQfinish(pg);
         return XAER_INVAL;
     }
-    groupNameText = open.eg;
-    groupTagValue = groupTag(open.eg);
-    Resource &r = resources[rmid];
+    state().groupName = open.eg;
+    state().groupTag = groupTag(open.eg);
+    Resource &r = state().byRmid[rmid];
     r.conninfo = open.conninfo;
     r.connections.push_back(std::make_unique<Connection>(Connection{pg, rmid, false}));
     return XA_OK;
 }
 
 void dropResource(int rmid) {
-    const std::lock_guard<std::mutex> lock(resourceMutex);
-    const auto it = resources.find(rmid);
-    if (it == resources.end()) {
+    const std::lock_guard<std::mutex> lock(state().m);
+    const auto it = state().byRmid.find(rmid);
+    if (it == state().byRmid.end()) {
         return;
     }
     for (const auto &c : it->second.connections) {
         PQfinish(c->pg);
     }
-    resources.erase(it);
-    if (resources.empty()) {
-        groupNameText.clear();
-        groupTagValue = 0;
+    state().byRmid.erase(it);
+    if (state().byRmid.empty()) {
+        state().groupName.clear();
+        state().groupTag = 0;
     }
 }
 
 std::string groupName() {
-    const std::lock_guard<std::mutex> lock(resourceMutex);
-    return groupNameText;
+    const std::lock_guard<std::mutex> lock(state().m);
+    return state().groupName;
 }
 
 std::uint32_t group() {
-    const std::lock_guard<std::mutex> lock(resourceMutex);
-    return groupTagValue;
+    const std::lock_guard<std::mutex> lock(state().m);
+    return state().groupTag;
 }
 
 bool resourceOpen(int rmid) {
-    const std::lock_guard<std::mutex> lock(resourceMutex);
-    return resources.contains(rmid);
+    const std::lock_guard<std::mutex> lock(state().m);
+    return state().byRmid.contains(rmid);
 }
 
 Connection *acquire(int rmid, Connection *preferred, Taken &taken) {
     Connection *c = nullptr;
     std::string conninfo;
     {
-        const std::lock_guard<std::mutex> lock(resourceMutex);
-        const auto it = resources.find(rmid);
-        if (it == resources.end()) {
+        const std::lock_guard<std::mutex> lock(state().m);
+        const auto it = state().byRmid.find(rmid);
+        if (it == state().byRmid.end()) {
             taken = Taken::unknownRmid;
             return nullptr;
         }
@@ -167,15 +176,15 @@ Connection *acquire(int rmid, Connection *preferred, Taken &taken) {
         taken = Taken::unreachable;
         return nullptr;
     }
-    const std::lock_guard<std::mutex> lock(resourceMutex);
-    auto &list = resources[rmid].connections;
+    const std::lock_guard<std::mutex> lock(state().m);
+    auto &list = state().byRmid[rmid].connections;
     list.push_back(std::make_unique<Connection>(Connection{pg, rmid, true}));
     taken = Taken::ok;
     return list.back().get();
 }
 
 void release(Connection *c) {
-    const std::lock_guard<std::mutex> lock(resourceMutex);
+    const std::lock_guard<std::mutex> lock(state().m);
     c->busy = false;
 }
 
