@@ -48,8 +48,9 @@ inline bool cluster(const std::string &verb) {
 // A database of its own for a test, and a connection to it for checking what it holds.
 class Database {
   public:
-    explicit Database(const std::string &name)
-        : conninfo("host=" + clusterDir() + " user=postgres dbname=" + name) {
+    explicit Database(const std::string &base)
+        : name(base + std::to_string(++made())),
+          conninfo("host=" + clusterDir() + " user=postgres dbname=" + name) {
         PGconn *admin = PQconnectdb(("host=" + clusterDir() + " user=postgres dbname=postgres").c_str());
         PQclear(PQexec(admin, "SET client_min_messages = warning"));
         PQclear(PQexec(admin, ("DROP DATABASE IF EXISTS " + name).c_str()));
@@ -103,9 +104,14 @@ class Database {
         }
     }
 
+    const std::string name;  // unique in the process: the base and a count
     const std::string conninfo;
 
   private:
+    static int &made() {
+        static int count = 0;
+        return count;
+    }
     PGconn *pg_ = nullptr;
     long last_ = -1;
 };

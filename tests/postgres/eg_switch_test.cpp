@@ -10,7 +10,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <functional>
+#include <thread>
 
 #include "cluster.h"
 
@@ -115,6 +118,37 @@ TEST_P(EgSwitch, CoordinatorOutcomesReachPostgresThroughTheSwitch) {
         EXPECT_EQ(db->prepared(), 0);
     }
     EXPECT_EQ(sw->xa_close_entry(nullptr, 1, TMNOFLAGS), XA_OK);
+}
+
+// Threads of the host each start, work, end, prepare and commit their own branches at once:
+// each gets its own connection, and the listener serves the library's pooled connections
+// side by side.
+TEST_P(EgSwitch, ManyThreadsCommitTheirOwnBranchesAtOnce) {
+    ASSERT_EQ(open(), XA_OK);
+    constexpr int kThreads = 8, kEach = 5;
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kEach; ++i) {
+                XID xid = testXid(t * kEach + i + 1);
+                const int start = sw->xa_start_entry(&xid, 1, TMNOFLAGS);
+                const std::string insert =
+                    "INSERT INTO work VALUES ('many', " + std::to_string(t * kEach + i) + ")";
+                PQclear(PQexec(xajms_eg_connection(1), insert.c_str()));
+                const int codes[] = {start, sw->xa_end_entry(&xid, 1, TMSUCCESS),
+                                     sw->xa_prepare_entry(&xid, 1, TMNOFLAGS),
+                                     sw->xa_commit_entry(&xid, 1, TMNOFLAGS)};
+                failures += std::count_if(std::begin(codes), std::end(codes),
+                                          [](int rc) { return rc != XA_OK; });
+            }
+        });
+    }
+    for (std::thread &t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(db->committed("many"), kThreads * kEach);
 }
 
 // One execution group per registry: a second live one is refused, so that no other listener
