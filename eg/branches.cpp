@@ -103,7 +103,8 @@ int startBranch(const XID *xid, int rmid, long flags) {
 // thread. Returns XA_OK, XA_RBROLLBACK when the branch's transaction has failed already,
 // XAER_NOTA for an unknown branch, XAER_PROTO for one not associated here nor suspended.
 int endBranch(const XID *xid, int rmid, long flags) {
-    if (xid == nullptr || (flags & ~kEndFlags) != 0 || __builtin_popcountl(static_cast<unsigned long>(flags)) > 1) {
+    if (xid == nullptr || (flags & ~kEndFlags) != 0 ||
+        __builtin_popcountl(static_cast<unsigned long>(flags)) > 1) {
         return XAER_INVAL;
     }
     const std::shared_ptr<Branch> b = findBranch(encodeGid(*xid, group(), rmid));

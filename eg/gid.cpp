@@ -118,9 +118,9 @@ std::optional<GidParts> decodeGid(std::string_view gid) {
         return std::nullopt;
     }
     GidParts parts{};
-    const long n = decodeBase64(gid.substr(kHeadLength),
-                                reinterpret_cast<unsigned char *>(parts.xid.data),
-                                sizeof parts.xid.data);
+    const long n =
+        decodeBase64(gid.substr(kHeadLength), reinterpret_cast<unsigned char *>(parts.xid.data),
+                     sizeof parts.xid.data);
     if (n < 0 || gtrid < 1 || gtrid > kMaxPart || static_cast<long>(gtrid) > n ||
         n - static_cast<long>(gtrid) > kMaxPart) {
         return std::nullopt;

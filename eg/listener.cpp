@@ -49,6 +49,7 @@ class Listener {
     void run();
     void serve(int fd);
     bool handle(int fd, const listener::Header &h, std::span<const std::uint8_t> payload);
+    void addWorker(int fd);
     void reapWorkers();
     void stopWorkers();
 
@@ -158,12 +159,7 @@ void Listener::run() {
         reapWorkers();
         const int fd = ::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC);
         if (fd >= 0) {
-            const std::lock_guard<std::mutex> lock(workersMutex_);
-            Worker &w = workers_.emplace_back(fd);
-            w.thread = std::thread([this, &w] {
-                serve(w.fd);
-                w.done = true;
-            });
+            addWorker(fd);
         }
     }
     stopWorkers();
@@ -176,12 +172,39 @@ void Listener::run() {
     s.stopped.notify_all();
 }
 
+// Serves a new connection on a thread of its own; a connection that gets no thread is closed.
+// Nothing a connection does may end the process: a failure inside (out of memory) only
+// drops that connection.
+void Listener::addWorker(int fd) {
+    const std::lock_guard<std::mutex> lock(workersMutex_);
+    try {
+        Worker &w = workers_.emplace_back(fd);
+        try {
+            w.thread = std::thread([this, &w] {
+                try {
+                    serve(w.fd);
+                } catch (const std::exception &e) {
+                    report("a listener connection failed: %s", e.what());
+                }
+                w.done = true;
+            });
+        } catch (const std::exception &) {
+            w.done = true;  // reaped without a thread to join
+        }
+    } catch (const std::exception &e) {
+        report("a listener connection was refused: %s", e.what());
+        ::close(fd);
+    }
+}
+
 // Joins the workers whose connection has ended and closes their descriptors.
 void Listener::reapWorkers() {
     const std::lock_guard<std::mutex> lock(workersMutex_);
     for (auto w = workers_.begin(); w != workers_.end();) {
         if (w->done) {
-            w->thread.join();
+            if (w->thread.joinable()) {
+                w->thread.join();
+            }
             ::close(w->fd);
             w = workers_.erase(w);
         } else {
@@ -200,7 +223,9 @@ void Listener::stopWorkers() {
     }
     // Workers no longer change the list once accepting has stopped.
     for (Worker &w : workers_) {
-        w.thread.join();
+        if (w.thread.joinable()) {
+            w.thread.join();
+        }
         ::close(w.fd);
     }
     workers_.clear();
@@ -213,11 +238,12 @@ void Listener::serve(int fd) {
     while (readFull(fd, in.data(), listener::kHeaderSize)) {
         const listener::Header h = listener::decodeHeader(in.data());
         const std::size_t length = listener::requestLength(h);
-        if (length == 0 || !readFull(fd, in.data() + listener::kHeaderSize,
-                                     length - listener::kHeaderSize)) {
+        if (length == 0 ||
+            !readFull(fd, in.data() + listener::kHeaderSize, length - listener::kHeaderSize)) {
             break;
         }
-        const auto payload = std::span<const std::uint8_t>(in.data(), length).subspan(listener::kHeaderSize);
+        const auto payload =
+            std::span<const std::uint8_t>(in.data(), length).subspan(listener::kHeaderSize);
         if (!handle(fd, h, payload)) {
             break;
         }

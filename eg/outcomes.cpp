@@ -237,7 +237,8 @@ bool recoverBranches(int rmid, std::vector<listener::Xid> &out) {
         const auto *data = reinterpret_cast<const std::uint8_t *>(parts->xid.data);
         const auto g = static_cast<std::size_t>(parts->xid.gtrid_length);
         const auto q = static_cast<std::size_t>(parts->xid.bqual_length);
-        out.push_back(listener::Xid{parts->xid.formatID, {data, data + g}, {data + g, data + g + q}});
+        out.push_back(
+            listener::Xid{parts->xid.formatID, {data, data + g}, {data + g, data + g + q}});
     }
     return true;
 }

@@ -147,7 +147,8 @@ Connection *acquire(int rmid, Connection *preferred, Taken &taken) {
         if (preferred != nullptr && preferred->rmid == rmid && !preferred->busy) {
             c = preferred;
         }
-        for (auto i = it->second.connections.begin(); c == nullptr && i != it->second.connections.end(); ++i) {
+        for (auto i = it->second.connections.begin();
+             c == nullptr && i != it->second.connections.end(); ++i) {
             c = (*i)->busy ? nullptr : i->get();
         }
         if (c != nullptr) {

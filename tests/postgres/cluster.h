@@ -51,7 +51,8 @@ class Database {
     explicit Database(const std::string &base)
         : name(base + std::to_string(++made())),
           conninfo("host=" + clusterDir() + " user=postgres dbname=" + name) {
-        PGconn *admin = PQconnectdb(("host=" + clusterDir() + " user=postgres dbname=postgres").c_str());
+        PGconn *admin =
+            PQconnectdb(("host=" + clusterDir() + " user=postgres dbname=postgres").c_str());
         PQclear(PQexec(admin, "SET client_min_messages = warning"));
         PQclear(PQexec(admin, ("DROP DATABASE IF EXISTS " + name).c_str()));
         PQclear(PQexec(admin, ("CREATE DATABASE " + name).c_str()));
@@ -93,8 +94,9 @@ class Database {
     // Rolls back every transaction prepared in the database.
     void clearPrepared() {
         std::vector<std::string> gids;
-        PGresult *r = PQexec(pg_, "SELECT gid FROM pg_prepared_xacts WHERE database = "
-                                  "current_database()");
+        PGresult *r = PQexec(pg_,
+                             "SELECT gid FROM pg_prepared_xacts WHERE database = "
+                             "current_database()");
         for (int i = 0; i < PQntuples(r); ++i) {
             gids.emplace_back(PQgetvalue(r, i, 0));
         }

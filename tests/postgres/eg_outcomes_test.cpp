@@ -40,7 +40,8 @@ class EgOutcomes : public ::testing::Test {
         PGconn *pg = xajms_eg_connection(1);
         ASSERT_NE(pg, nullptr);
         if (state != State::readOnly) {
-            const std::string insert = "INSERT INTO work VALUES ('" + tag + "', " + std::to_string(++rows) + ")";
+            const std::string insert =
+                "INSERT INTO work VALUES ('" + tag + "', " + std::to_string(++rows) + ")";
             rows -= state == State::violating ? 1 : 0;
             PQclear(PQexec(pg, insert.c_str()));
             if (state == State::violating) {
@@ -150,7 +151,8 @@ TEST_F(EgOutcomes, RecoverListsOnlyThisGroupsPreparedBranchesOfTheRmid) {
     buildHeader_jms(request, 0, 0x2006, 1, TMSTARTRSCAN | TMENDRSCAN);
     XID found[4] = {};
     int sockfd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    sockaddr_in address{
+        AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
     ASSERT_EQ(connect(sockfd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     ASSERT_EQ(send(sockfd, request, sizeof request, 0), 20);
     int count = 0;
@@ -162,25 +164,26 @@ TEST_F(EgOutcomes, RecoverListsOnlyThisGroupsPreparedBranchesOfTheRmid) {
     ASSERT_NE(xids, nullptr);
     found[0] = xids[0];
     std::free(xids);
-    EXPECT_EQ(std::tuple(found[0].formatID, found[0].gtrid_length, found[0].bqual_length,
-                         std::string(found[0].data, 8)),
-              std::tuple(mine.formatID, mine.gtrid_length, mine.bqual_length,
-                         std::string(mine.data, 8)));
+    EXPECT_EQ(
+        std::tuple(found[0].formatID, found[0].gtrid_length, found[0].bqual_length,
+                   std::string(found[0].data, 8)),
+        std::tuple(mine.formatID, mine.gtrid_length, mine.bqual_length, std::string(mine.data, 8)));
     db->clearPrepared();
 }
 
 TEST_F(EgOutcomes, RowNamesTheGroupAndCloseEmptiesItLeavingPreparedBranches) {
     registry::Row row{};
     ASSERT_TRUE(registryRow(getpid(), row));
-    EXPECT_EQ(std::tuple(row.mode, std::string(row.ExGrp)), std::tuple(registry::kModeBroker, "EGT"));
+    EXPECT_EQ(std::tuple(row.mode, std::string(row.ExGrp)),
+              std::tuple(registry::kModeBroker, "EGT"));
     // Requests that are not the library's close their own connection only.
     const unsigned char unknownType[20] = {0, 0, 0, 20, 0, 0, 0x20, 0x99};
     const unsigned char oversized[20] = {0, 0, 0x10, 0, 0, 0, 0x20, 0x02};
     const unsigned char badXid[44] = {0, 0, 0, 44, 0, 0, 0x20, 0x02, 0, 0, 0, 1, 0, 0, 0, 0,
-                                      0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x7f};
-    for (const auto &[bytes, length] : {std::pair{unknownType, sizeof unknownType},
-                                        std::pair{oversized, sizeof oversized},
-                                        std::pair{badXid, sizeof badXid}}) {
+                                      0, 0, 0, 0,  0, 0, 0,    0,    0, 0, 0, 0, 0, 0, 0, 0x7f};
+    for (const auto &[bytes, length] :
+         {std::pair{unknownType, sizeof unknownType}, std::pair{oversized, sizeof oversized},
+          std::pair{badXid, sizeof badXid}}) {
         EXPECT_EQ(ask(port, bytes, length), -99);
     }
     const XID xid = testXid(7);

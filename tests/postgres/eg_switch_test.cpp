@@ -50,7 +50,9 @@ class EgSwitch : public ::testing::TestWithParam<const char *> {
         if (started != XA_OK || pg == nullptr) {
             return started != XA_OK ? started : -1000;
         }
-        PQclear(PQexec(pg, ("INSERT INTO work VALUES ('" + tag + "', " + std::to_string(++rows) + ")").c_str()));
+        PQclear(PQexec(
+            pg,
+            ("INSERT INTO work VALUES ('" + tag + "', " + std::to_string(++rows) + ")").c_str()));
         return sw->xa_end_entry(&x, 1, endFlags);
     }
     // Runs the steps in a child host process that then waits to be killed. Returns the code
@@ -189,9 +191,10 @@ TEST_P(EgSwitch, PreparedBranchSurvivesHostAndServerCrashAndCommitsOnRequest) {
     ASSERT_EQ(open(), XA_OK);
     XID found[8] = {};
     ASSERT_EQ(sendBrokerXARecover_jms(found, 8, 1, TMSTARTRSCAN | TMENDRSCAN), 1);
-    EXPECT_EQ(std::tuple(found[0].formatID, found[0].gtrid_length, found[0].bqual_length,
-                         std::string(found[0].data, 8)),
-              std::tuple(xid.formatID, xid.gtrid_length, xid.bqual_length, std::string(xid.data, 8)));
+    EXPECT_EQ(
+        std::tuple(found[0].formatID, found[0].gtrid_length, found[0].bqual_length,
+                   std::string(found[0].data, 8)),
+        std::tuple(xid.formatID, xid.gtrid_length, xid.bqual_length, std::string(xid.data, 8)));
     EXPECT_EQ(sw->xa_commit_entry(&found[0], 1, TMNOFLAGS), XA_OK);
     EXPECT_EQ(db->committed("kept"), 1);
     EXPECT_EQ(db->prepared(), 0);

@@ -54,15 +54,15 @@ TEST(EgGid, RoundTripsEveryXidUpToTheLargestWithinPostgresLimit) {
 TEST(EgGid, RefusesWhatCannotBeABranchAndGidsItDidNotWrite) {
     XID tooLong = makeXid(1, "g", "");
     tooLong.gtrid_length = 65;
-    for (const XID &xid : {makeXid(-1, "g", "b"), makeXid(1L << 40, "g", ""),
-                           makeXid(1, "", "b"), tooLong}) {
+    for (const XID &xid :
+         {makeXid(-1, "g", "b"), makeXid(1L << 40, "g", ""), makeXid(1, "", "b"), tooLong}) {
         EXPECT_EQ(encodeGid(xid, 1, 1), "");
     }
     const std::string good = encodeGid(makeXid(7, "abc", "de"), 1, 1);
-    for (const std::string &gid : {std::string(), "xj" + good.substr(2, 20), "XJ" + good.substr(2),
-                                   good + "=", good.substr(0, good.size() - 1) + "_",
-                                   good.substr(0, 26) + "00" + good.substr(28),
-                                   good.substr(0, 10) + "0000000G" + good.substr(18)}) {
+    for (const std::string &gid :
+         {std::string(), "xj" + good.substr(2, 20), "XJ" + good.substr(2), good + "=",
+          good.substr(0, good.size() - 1) + "_", good.substr(0, 26) + "00" + good.substr(28),
+          good.substr(0, 10) + "0000000G" + good.substr(18)}) {
         SCOPED_TRACE(gid);
         EXPECT_FALSE(decodeGid(gid).has_value());
     }

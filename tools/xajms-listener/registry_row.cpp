@@ -123,8 +123,8 @@ std::string claimBrokerRows(unsigned char *map, pid_t self) {
         }
         if (!processGone(pid)) {
             const char *name = reinterpret_cast<const char *>(row + kRowNameOffset);
-            return "execution group '" + std::string(name, strnlen(name, kNameSize)) +
-                   "' of pid " + std::to_string(pid) + " is registered already";
+            return "execution group '" + std::string(name, strnlen(name, kNameSize)) + "' of pid " +
+                   std::to_string(pid) + " is registered already";
         }
         store(row + kRowModeOffset, 0);
         store(row + kRowPidOffset, 0);
