@@ -23,7 +23,6 @@ struct Behaviour {
     int lateMs = 0;
 };
 
-
 struct Options {
     int port = 0;
     Mode mode = Mode::broker;
