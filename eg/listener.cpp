@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <exception>
 #include <set>
 #include <utility>
@@ -36,6 +37,8 @@ class Listener {
     Listener &operator=(const Listener &) = delete;
 
     void requestStop();
+    // Empties the registry row, once: when the listener stops, or when the process exits.
+    void emptyRow();
 
   private:
     void run();
@@ -47,6 +50,7 @@ class Listener {
 
     Descriptor socket_;
     int port_ = 0;
+    std::mutex rowMutex_;
     std::optional<listener::RegistryRow> row_;
     Descriptor wake_;
     // The connections being served, each by a detached thread of its own.
@@ -68,6 +72,15 @@ struct State {
 State &state() {
     static State *const listenerState = new State;
     return *listenerState;
+}
+
+// A host that exits without a close leaves no row behind: nobody would answer on its port.
+void emptyRowAtExit() {
+    State &s = state();
+    const std::lock_guard<std::mutex> lock(s.m);
+    if (s.current != nullptr) {
+        s.current->emptyRow();
+    }
 }
 
 // Moves all of the bytes through the call (read or send), retrying EINTR. Returns false when
@@ -134,6 +147,11 @@ Listener::Listener(const std::string &eg) : wake_(::eventfd(0, EFD_CLOEXEC)) {
 
 Listener::~Listener() = default;
 
+void Listener::emptyRow() {
+    const std::lock_guard<std::mutex> lock(rowMutex_);
+    row_.reset();
+}
+
 void Listener::requestStop() {
     const std::uint64_t one = 1;
     (void)!::write(wake_.get(), &one, sizeof one);
@@ -152,7 +170,7 @@ void Listener::run() {
         }
     }
     stopWorkers();
-    row_.reset();
+    emptyRow();
     socket_.reset();
     State &s = state();
     const std::lock_guard<std::mutex> lock(s.m);
@@ -277,6 +295,8 @@ std::string startListener(const std::string &eg) {
         return {};
     }
     try {
+        static const bool hooked = std::atexit(emptyRowAtExit) == 0;
+        (void)hooked;
         s.current = new Listener(eg);
         s.running = true;
         return {};
