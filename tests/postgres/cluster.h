@@ -72,7 +72,9 @@ class Database {
             }
             PGresult *r = PQexec(pg_, sql.c_str());
             const ExecStatusType s = PQresultStatus(r);
-            last_ = s == PGRES_TUPLES_OK && PQntuples(r) > 0 ? std::atol(PQgetvalue(r, 0, 0)) : -1;
+            last_ = s == PGRES_TUPLES_OK && PQntuples(r) > 0
+                        ? std::strtol(PQgetvalue(r, 0, 0), nullptr, 10)
+                        : -1;
             PQclear(r);
             if (s == PGRES_COMMAND_OK || s == PGRES_TUPLES_OK) {
                 return true;
