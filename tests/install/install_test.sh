@@ -36,6 +36,11 @@ for f in include/xajms/xa.h include/xajms/xajms.h bin/xajms-drive bin/xajms-regi
     bin/xajms-listener bin/xajms-sandbox bin/xajms-trace; do
     [ -e "$prefix/$f" ] || fail "$f not installed"
 done
+# The execution group, when this build has it (libpq installed).
+if [ -e "$build/eg/libPellux.so" ]; then
+    [ -f "$libdir/libPellux.so" ] && [ -f "$prefix/include/xajms/eg.h" ] ||
+        fail "the execution group's library or header not installed"
+fi
 find "$prefix" -name xajmsConfigVersion.cmake | grep . >/dev/null || fail "no package version file"
 
 if ! nm -D --defined-only "$libdir/libxajms.so.1" | grep -w OrloStart >/dev/null; then

@@ -2,6 +2,7 @@
 // which requests it answers late, never or by closing the connection, and where it logs.
 #pragma once
 
+#include "registry_row.h"
 #include "wire.h"
 
 #include <array>
@@ -15,18 +16,12 @@
 
 namespace xajms::listener {
 
-// The registry modes a listener can register in (the values of the row's mode field).
-enum class Mode : std::int32_t { recovery = 1, broker = 2, pending = 4 };
-
 enum class Misbehaviour { none, late, never, drop, half };
 
 struct Behaviour {
     Misbehaviour kind = Misbehaviour::none;
     int lateMs = 0;
 };
-
-inline constexpr std::string_view kDefaultRegistry = "/var/orlom/XA_SWITCH_MMF";
-inline constexpr std::size_t kNameSize = 128;
 
 struct Options {
     int port = 0;
