@@ -57,6 +57,8 @@ TEST_F(Tools, RefuseBadCommandLinesWithOneLineAndStatusTwo) {
     const Args cases[] = {
         {L, "--bogus"}, {L, "stray"}, {L, "--port"}, {L, "--port", "65536"}, {L, "--mode", "dead"},
         {L, "--late", "commit"}, {L, "--late", "close:1"}, {L, "--never", "0"}, {L, "--xid", "1"},
+        {L, "--xid", "0x10:g:b"}, {L, "--xid", "1:0x6:b"}, {D, "--xid", "1:g:0xzz", "commit"},
+        {D, "--xid", "1:0x" + std::string(130, 'a') + ":b", "commit"},
         {L, "--drop-every", "0"}, {L, "--name", std::string(129, 'n')}, {L, "--no-register=1"},
         {L, "--registry", ""}, {L, "--registry", "/no/such/dir/file"}, {D}, {D, "--bogus", "open"},
         {D, "frob"}, {D, "commit"},
