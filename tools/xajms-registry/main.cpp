@@ -27,7 +27,7 @@ constexpr int kDefaultWaitMs = 5000;
 
 constexpr std::string_view kHelp =
     R"(usage: xajms-registry [--json] [--file PATH]
-       xajms-registry --in-doubt [--wait SECONDS] [--json] [--file PATH]
+       xajms-registry --in-doubt [--wait S] [--json] [--file PATH]
        xajms-registry --clear
 
 Shows the registry file in which execution groups register their XA listener ports: for
@@ -37,12 +37,13 @@ at or beyond the row count are shown when they are in use, marked with '*'.
 
   --json        one JSON object instead of the table, for scripts
   --file PATH   read this file instead of /var/orlom/XA_SWITCH_MMF (read only)
-  --in-doubt    ask the listener of every row that names a port, with one recover
-                request each (rmid 1, TMSTARTRSCAN|TMENDRSCAN) over 127.0.0.1, for the
-                XIDs it holds in doubt, and show them below its row as F:GTRID:BQUAL,
-                the notation xajms-drive --xid takes; or say that it did not answer
-                in time, could not be reached (its process gone, its port closed),
-                or sent a reply that is no recover reply. Nothing is resolved.
+  --in-doubt    ask the listener of every row in use (mode not empty) that names a
+                port, one after another, with one recover request each (rmid 1,
+                TMSTARTRSCAN|TMENDRSCAN) over 127.0.0.1, for the XIDs it holds in
+                doubt, and show them below its row as F:GTRID:BQUAL, the notation
+                xajms-drive --xid takes; or say that it did not answer in time, could
+                not be reached (its process gone, its port closed), or sent a reply
+                that is no recover reply. Nothing is resolved.
   --wait S      with --in-doubt: seconds to wait for each listener, from connecting
                 to the last byte of its reply (decimal, above 0, at most 3600;
                 default 5)
