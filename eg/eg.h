@@ -16,7 +16,12 @@
 #include <thread>
 #include <vector>
 
-#include "wire.h"
+#include "common/wire.h"
+
+namespace xajms::listener {
+// The wire format and the XID notation of the tools, as the listener tool uses them.
+using namespace xajms::tools;
+}  // namespace xajms::listener
 
 namespace xajms::eg {
 
@@ -171,7 +176,7 @@ int rollbackBranch(const XID &xid, int rmid);
 
 // The prepared branches of this group and rmid that PostgreSQL holds. False when the
 // database cannot be asked.
-bool recoverBranches(int rmid, std::vector<listener::Xid> &out);
+bool recoverBranches(int rmid, std::vector<listener::XidParts> &out);
 
 // ---- listener: listener.cpp -----------------------------------------------------------------
 

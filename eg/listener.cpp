@@ -259,7 +259,7 @@ bool Listener::handle(int fd, const listener::Header &h, std::span<const std::ui
         return true;
     }
     if (*type == RequestType::recover) {
-        std::vector<listener::Xid> xids;
+        std::vector<listener::XidParts> xids;
         if (!recoverBranches(h.rmid, xids)) {
             return false;
         }

@@ -235,7 +235,7 @@ int rollbackBranch(const XID &xid, int rmid) {
                                                : abandon(*h.b, XA_OK);
 }
 
-bool recoverBranches(int rmid, std::vector<listener::Xid> &out) {
+bool recoverBranches(int rmid, std::vector<listener::XidParts> &out) {
     Lease lease(rmid);
     if (lease.pg() == nullptr) {
         return lease.taken() == Taken::unknownRmid;
@@ -256,7 +256,7 @@ bool recoverBranches(int rmid, std::vector<listener::Xid> &out) {
         const auto g = static_cast<std::size_t>(parts->xid.gtrid_length);
         const auto q = static_cast<std::size_t>(parts->xid.bqual_length);
         out.push_back(
-            listener::Xid{parts->xid.formatID, {data, data + g}, {data + g, data + g + q}});
+            listener::XidParts{parts->xid.formatID, {data, data + g}, {data + g, data + g + q}});
     }
     return true;
 }

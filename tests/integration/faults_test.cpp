@@ -272,7 +272,7 @@ TEST_F(Faults, EachAllocationFailingInTurnLeavesDefinedCodes) {
     if (listenerPath().empty()) {
         GTEST_SKIP() << "xajms-listener is not part of this build";
     }
-    ListenerProcess broker({"--mode", "broker", "--quiet", "--xid", "5:61:62", "--xid", "6:63:64"});
+    ListenerProcess broker({"--mode", "broker", "--quiet", "--xid", "5:a:b", "--xid", "6:c:d"});
     ASSERT_TRUE(broker.started());
     std::string report;
     int nth = 1;

@@ -7,6 +7,7 @@
 namespace {
 
 using xajms::tools::formatXid;
+using xajms::tools::formatXidTo;
 using xajms::tools::parseXid;
 using xajms::tools::XidParts;
 
@@ -24,6 +25,13 @@ TEST(XidNotation, EveryXidPrintsToTextThatReadsBackToIt) {
     for (const auto &[parts, text] : cases) {
         SCOPED_TRACE(text);
         EXPECT_EQ(formatXid(parts), text);
+        // Into a buffer, as the listener logs: exactly the room it needs, else nothing.
+        std::string room(text.size(), '?');
+        EXPECT_EQ(formatXidTo(parts.formatID, parts.gtrid, parts.bqual, room), text.size());
+        EXPECT_EQ(room, text);
+        EXPECT_EQ(formatXidTo(parts.formatID, parts.gtrid, parts.bqual,
+                              std::span<char>(room.data(), text.size() - 1)),
+                  0U);
         std::string why;
         EXPECT_EQ(parseXid(text, why), parts) << why;
     }

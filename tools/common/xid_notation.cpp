@@ -61,21 +61,30 @@ std::optional<std::string> parsePart(std::string_view text, std::string_view nam
     return bytes;
 }
 
-std::string formatPart(const std::string &bytes, bool emptyAsHex) {
+bool asText(std::string_view bytes, bool emptyAsHex) {
     bool text = !bytes.starts_with(kHexPrefix) && !(bytes.empty() && emptyAsHex);
     for (const char c : bytes) {
         text = text && printable(static_cast<unsigned char>(c));
     }
-    if (text) {
-        return bytes;
+    return text;
+}
+
+std::size_t partLength(std::string_view bytes, bool emptyAsHex) {
+    return asText(bytes, emptyAsHex) ? bytes.size() : kHexPrefix.size() + 2 * bytes.size();
+}
+
+// Writes one part at out, which has room for partLength; returns the characters written.
+std::size_t formatPart(std::string_view bytes, bool emptyAsHex, char *out) {
+    if (asText(bytes, emptyAsHex)) {
+        return bytes.copy(out, bytes.size());
     }
-    std::string out(kHexPrefix);
+    std::size_t n = kHexPrefix.copy(out, kHexPrefix.size());
     for (const char c : bytes) {
         const auto byte = static_cast<unsigned char>(c);
-        out.push_back(kHexDigits[byte >> 4]);
-        out.push_back(kHexDigits[byte & 0x0f]);
+        out[n++] = kHexDigits[byte >> 4];
+        out[n++] = kHexDigits[byte & 0x0f];
     }
-    return out;
+    return n;
 }
 
 }  // namespace
@@ -107,9 +116,28 @@ std::optional<XidParts> parseXid(std::string_view text, std::string &why) {
     return xid;
 }
 
+std::size_t formattedXidLength(std::string_view gtrid, std::string_view bqual) {
+    return partLength(gtrid, true) + 1 + partLength(bqual, false);
+}
+
+std::size_t formatXidTo(long formatID, std::string_view gtrid, std::string_view bqual,
+                        std::span<char> out) {
+    const auto [end, ec] = std::to_chars(out.data(), out.data() + out.size(), formatID);
+    std::size_t n = static_cast<std::size_t>(end - out.data());
+    if (ec != std::errc() || out.size() - n < 1 + formattedXidLength(gtrid, bqual)) {
+        return 0;
+    }
+    out[n++] = ':';
+    n += formatPart(gtrid, true, out.data() + n);
+    out[n++] = ':';
+    return n + formatPart(bqual, false, out.data() + n);
+}
+
 std::string formatXid(const XidParts &xid) {
-    return std::to_string(xid.formatID) + ":" + formatPart(xid.gtrid, true) + ":" +
-           formatPart(xid.bqual, false);
+    // 20 characters hold any formatID, its sign included.
+    std::string out(20 + 1 + formattedXidLength(xid.gtrid, xid.bqual), '\0');
+    out.resize(formatXidTo(xid.formatID, xid.gtrid, xid.bqual, out));
+    return out;
 }
 
 }  // namespace xajms::tools

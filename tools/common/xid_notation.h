@@ -3,7 +3,9 @@
 // bytes in hex, so that any binary XID can be named and pasted from one tool into another.
 #pragma once
 
+#include <cstddef>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -27,5 +29,14 @@ std::optional<XidParts> parseXid(std::string_view text, std::string &why);
 // than ':' and the text does not start with "0x" (an empty GTRID as "0x"), else as 0x and
 // lower-case hex. parseXid reads the result back to the same parts.
 std::string formatXid(const XidParts &xid);
+
+// The characters formatXid prints for these parts.
+std::size_t formattedXidLength(std::string_view gtrid, std::string_view bqual);
+
+// Prints the parts as formatXid does into out, without allocating, as a listener logs each
+// request. Returns the number of characters written, or 0 (out left unspecified) when out
+// has no room for formattedXidLength plus the formatID.
+std::size_t formatXidTo(long formatID, std::string_view gtrid, std::string_view bqual,
+                        std::span<char> out);
 
 }  // namespace xajms::tools

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <functional>
 
+#include "common/xid_notation.h"
 #include "xa_names.h"
 
 namespace xajms::drive {
@@ -39,9 +40,12 @@ Options:
   --start NAME        start function returning the switch record (default OrloStart)
   --broker            call ZJavaInitSwitchJMS of the library first, as a broker process does
   --rmid N            resource manager id passed to every call (default 1)
-  --xid F:GTRID:BQUAL the XID of start, end, prepare, commit, rollback and forget: formatID
-                      in decimal, then the transaction id and branch qualifier as text
-                      (at most 64 bytes each), e.g. 4711:gtrid01:bqual01
+  --xid F:GTRID:BQUAL the XID of start, end, prepare, commit, rollback and forget, as
+                      every xajms tool writes XIDs: the formatID in decimal, then the
+                      transaction id and branch qualifier (at most 64 bytes each), each
+                      printable text without ':', or 0x and the bytes in hex, e.g.
+                      4711:gtrid01:bqual01 or 4711:gtrid01:0x00ff. An XID that
+                      xajms-registry --in-doubt lists can be pasted here as it is.
   --count N           size of the recover array, 0 to 100000 (default 64)
   --expect VERB=CODE  the code VERB must return, by name (XAER_RMFAIL) or number (-7);
                       default XA_OK, and for recover any count of XIDs. Repeatable.
@@ -122,26 +126,25 @@ T parseNumber(std::string_view text, std::string_view option, T low, T high) {
     return value;
 }
 
-// FORMAT:GTRID:BQUAL; the branch qualifier is everything after the second colon.
+// F:GTRID:BQUAL in the tools' notation, each part at most 64 bytes. xidText keeps the XID
+// as the tools print it, so that the call lines name it as the listener's log does.
 void applyXid(Options &o, std::string_view text) {
-    const std::size_t first = text.find(':');
-    const std::size_t second = first == std::string_view::npos ? first : text.find(':', first + 1);
-    if (second == std::string_view::npos) {
-        fail("--xid", "expected FORMAT:GTRID:BQUAL, got " + quoted(text));
+    std::string why;
+    const std::optional<tools::XidParts> parts = tools::parseXid(text, why);
+    if (!parts) {
+        fail("--xid", why + ", got " + quoted(text));
     }
-    const std::string_view gtrid = text.substr(first + 1, second - first - 1);
-    const std::string_view bqual = text.substr(second + 1);
-    if (gtrid.size() > MAXGTRIDSIZE || bqual.size() > MAXBQUALSIZE) {
+    if (parts->gtrid.size() > MAXGTRIDSIZE || parts->bqual.size() > MAXBQUALSIZE) {
         fail("--xid", "transaction id and branch qualifier are at most 64 bytes each");
     }
     XID xid{};
-    xid.formatID = parseNumber<long>(text.substr(0, first), "--xid", -2147483648L, 2147483647L);
-    xid.gtrid_length = static_cast<long>(gtrid.size());
-    xid.bqual_length = static_cast<long>(bqual.size());
-    std::memcpy(xid.data, gtrid.data(), gtrid.size());
-    std::memcpy(xid.data + gtrid.size(), bqual.data(), bqual.size());
+    xid.formatID = parts->formatID;
+    xid.gtrid_length = static_cast<long>(parts->gtrid.size());
+    xid.bqual_length = static_cast<long>(parts->bqual.size());
+    std::memcpy(xid.data, parts->gtrid.data(), parts->gtrid.size());
+    std::memcpy(xid.data + parts->gtrid.size(), parts->bqual.data(), parts->bqual.size());
     o.xid = xid;
-    o.xidText = text;
+    o.xidText = tools::formatXid(*parts);
 }
 
 void applyExpect(Options &o, std::string_view text) {

@@ -38,7 +38,7 @@ struct Options {
     std::string startFunction = "OrloStart";
     int rmid = 1;
     std::optional<XID> xid;
-    std::string xidText;
+    std::string xidText;  // the XID in the tools' notation, as the call lines print it
     long recoverCount = 64;
     bool broker = false;
     std::array<Expectation, kVerbs> expect{};

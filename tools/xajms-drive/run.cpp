@@ -79,7 +79,7 @@ std::string describe(const Call &call, const Options &o) {
     text += " rmid=" + std::to_string(o.rmid);
     if (call.verb != Verb::open && call.verb != Verb::close && call.verb != Verb::recover &&
         call.verb != Verb::complete) {
-        text += " xid=" + printable(o.xidText);
+        text += " xid=" + o.xidText;  // printable already, and pasted back as it is
     }
     text += " flags=" + flagNames(call.flags);
     if (call.verb == Verb::open || call.verb == Verb::close) {

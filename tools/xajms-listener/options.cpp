@@ -37,11 +37,12 @@ Answers:
   --commit N          commit,
   --rollback N        rollback and
   --forget N          forget. N is a signed decimal number, e.g. --rollback -4.
-  --xid F:GTRID:BQUAL add an XID to the recover answer (repeatable, in order). F is the
-                      formatID in decimal or 0x-prefixed hex, optionally negative;
-                      GTRID and BQUAL are the bytes in hex (two digits a byte, may be
-                      empty), e.g. --xid 0x1234:616263:6465. Lengths are not limited
-                      to 64, so that over-long records can be sent on purpose.
+  --xid F:GTRID:BQUAL add an XID to the recover answer (repeatable, in order), written
+                      as every xajms tool writes XIDs: F the formatID in decimal,
+                      optionally negative; GTRID and BQUAL each printable text without
+                      ':', or 0x and the bytes in hex, e.g. --xid 4660:abc:0x00ff.
+                      Lengths are not limited to 64, so that over-long records can be
+                      sent on purpose.
   --recover-count N   send N as the recover answer's xidcount instead of the number of
                       XIDs (the records sent stay those of --xid).
   --recover-size N    send N as the recover answer's xiddatasize instead of the true size.
@@ -65,13 +66,13 @@ and its connection closed.
 Output:
   --log FILE          append the request lines to FILE (default standard output). A line
                       is "#n TYPE rmid=R flags=0x... xid=F:GTRID:BQUAL -> ANSWER", the XID
-                      as in --xid ("xid=none" without one), and text="..." for close.
+                      as --xid takes it ("xid=none" without one), and text="..." for close.
   --quiet             log no request lines.
   -h, --help          print this text and exit.
 
 Examples (in xajms-sandbox, so that no live queue manager sends them its transactions):
   xajms-listener --mode broker --name EG1 &
-  xajms-listener --mode pending --name EG2 --never commit --xid 0x1234:616263:6465 &
+  xajms-listener --mode pending --name EG2 --never commit --xid 4660:abc:0x00ff &
 
 Exit status: 0 after a cleanup close, SIGTERM or SIGINT; 1 when the listener cannot
 listen or register; 2 for a bad command line or a registry directory that does not exist.
@@ -100,49 +101,15 @@ T parseNumber(std::string_view text, std::string_view option, int base) {
     return value;
 }
 
-std::int64_t parseFormatId(std::string_view text, std::string_view option) {
-    const bool negative = text.starts_with('-');
-    std::string_view digits = negative ? text.substr(1) : text;
-    int base = 10;
-    if (digits.starts_with("0x") || digits.starts_with("0X")) {
-        digits.remove_prefix(2);
-        base = 16;
+// An XID in the tools' notation. Its parts may be longer than 64 bytes, so that over-long
+// records can be sent on purpose.
+XidParts xidOption(std::string_view text) {
+    std::string why;
+    std::optional<XidParts> xid = tools::parseXid(text, why);
+    if (!xid) {
+        fail("--xid", why + ", got '" + std::string(text) + "'");
     }
-    if (digits.starts_with('-') || digits.starts_with('+')) {
-        fail(option, "bad formatID '" + std::string(text) + "'");
-    }
-    const auto magnitude = parseNumber<std::uint64_t>(digits, option, base);
-    const std::uint64_t limit = negative ? (std::uint64_t{1} << 63) : (std::uint64_t{1} << 63) - 1;
-    if (magnitude > limit) {
-        fail(option, "formatID out of range '" + std::string(text) + "'");
-    }
-    return negative ? static_cast<std::int64_t>(0 - magnitude)
-                    : static_cast<std::int64_t>(magnitude);
-}
-
-std::vector<std::uint8_t> parseHex(std::string_view text, std::string_view option) {
-    if (text.size() % 2 != 0) {
-        fail(option, "odd number of hex digits in '" + std::string(text) + "'");
-    }
-    std::vector<std::uint8_t> bytes;
-    bytes.reserve(text.size() / 2);
-    for (std::size_t i = 0; i < text.size(); i += 2) {
-        bytes.push_back(parseNumber<std::uint8_t>(text.substr(i, 2), option, 16));
-    }
-    return bytes;
-}
-
-Xid parseXid(std::string_view text, std::string_view option) {
-    const auto first = text.find(':');
-    const auto second = first == std::string_view::npos ? first : text.find(':', first + 1);
-    if (second == std::string_view::npos || text.find(':', second + 1) != std::string_view::npos) {
-        fail(option, "expected FORMAT:GTRID:BQUAL, got '" + std::string(text) + "'");
-    }
-    Xid xid;
-    xid.formatId = parseFormatId(text.substr(0, first), option);
-    xid.gtrid = parseHex(text.substr(first + 1, second - first - 1), option);
-    xid.bqual = parseHex(text.substr(second + 1), option);
-    return xid;
+    return std::move(*xid);
 }
 
 int parseMilliseconds(std::string_view text, std::string_view option) {
@@ -243,8 +210,7 @@ const std::vector<OptionEntry> &optionTable() {
         {"--commit", true, answerCode(RequestType::commit, "--commit")},
         {"--rollback", true, answerCode(RequestType::rollback, "--rollback")},
         {"--forget", true, answerCode(RequestType::forget, "--forget")},
-        {"--xid", true,
-         [](Options &o, std::string_view v) { o.xids.push_back(parseXid(v, "--xid")); }},
+        {"--xid", true, [](Options &o, std::string_view v) { o.xids.push_back(xidOption(v)); }},
         {"--recover-count", true,
          [](Options &o, std::string_view v) {
              o.recoverCount = parseNumber<std::int32_t>(v, "--recover-count", 10);

@@ -2,9 +2,6 @@
 // which requests it answers late, never or by closing the connection, and where it logs.
 #pragma once
 
-#include "registry_row.h"
-#include "wire.h"
-
 #include <array>
 #include <cstdint>
 #include <map>
@@ -14,7 +11,14 @@
 #include <string_view>
 #include <vector>
 
+#include "common/wire.h"
+#include "common/xid_notation.h"
+#include "registry_row.h"
+
 namespace xajms::listener {
+
+// The wire format and the XID notation, which the listener uses throughout.
+using namespace xajms::tools;
 
 enum class Misbehaviour { none, late, never, drop, half };
 
@@ -36,7 +40,7 @@ struct Options {
     std::map<std::uint64_t, Behaviour> byNumber;
     // Every request whose number is a multiple of this is dropped (0: none); byNumber wins.
     std::uint64_t dropEvery = 0;
-    std::vector<Xid> xids;
+    std::vector<XidParts> xids;
     std::optional<std::int32_t> recoverCount;
     std::optional<std::int32_t> recoverDataSize;
     std::string logPath;
