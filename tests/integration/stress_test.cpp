@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <latch>
 #include <map>
 #include <numeric>
 #include <set>
@@ -64,8 +65,14 @@ TEST_P(Stress, ConcurrentCommitsGiveDefinedCodesAndLeaveThePoolConsistent) {
 
     std::vector<int> codes(static_cast<size_t>(kThreads * commits));
     std::vector<std::jthread> threads;
+    std::latch ready(kThreads);
     for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, commits, mine = codes.begin() + t * commits] {
+        threads.emplace_back([t, commits, mine = codes.begin() + t * commits, &ready] {
+            // Every thread opens, as a coordinator opens each thread's resource manager: the
+            // first opens race to create the open table, and no copy may be left behind.
+            char openString[] = "qm=QM1";
+            ready.arrive_and_wait();
+            EXPECT_EQ(xa_open_entry_jms(openString, 1, TMNOFLAGS), XA_OK);
             for (long c = 0; c < commits; ++c) {
                 XID xid{4711 + t, 12, 1, {}};  // distinct: the thread, then the commit
                 std::snprintf(xid.data, sizeof xid.data, "t%02dc%08ldb", t, c);
