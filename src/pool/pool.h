@@ -68,4 +68,9 @@ void shutAndClose(int sockfd);
 // below, stopping at a slot that holds a descriptor or at 0.
 void lowerRows(PortRow &row);
 
+// Closes every pooled socket and destroys the pool lock, unless a thread holds a socket or
+// the lock at this moment: then nothing is touched and false is returned. Only the
+// library's unload calls it, without tracing.
+bool releaseAll();
+
 }  // namespace xajms::pool

@@ -169,4 +169,35 @@ TEST_F(Coordinator, DrivePrintsOneLinePerCallAndExitsOneOnAnUnexpectedCode) {
     EXPECT_EQ(listener.nextLine(), "#4 forget rmid=3 flags=0x0000000000000000" + first + "0");
 }
 
+// A transaction manager that loads the switch per client: a thousand load, open, prepare,
+// commit, (close,) unload cycles leave the process no descriptor and no mapping, whether the
+// last close emptied the pool or the unload has to.
+TEST_F(Coordinator, UnloadingTheLibraryGivesBackWhatItHeld) {
+    listen({"--mode", "broker", "--quiet"});
+    for (const Args &verbs :
+         {Args{"open=qm", "prepare", "commit", "close"}, Args{"open=qm", "prepare", "commit"}}) {
+        Args args = {"--reload", "--repeat", "1000", "--xid", "1:g:b"};
+        args.insert(args.end(), verbs.begin(), verbs.end());
+        const ToolRun run = runTool(drivePath(), args);
+        EXPECT_EQ(run.status, 0) << run.err;
+        const std::string last = run.out.substr(run.out.rfind('\n', run.out.size() - 2) + 1);
+        // The sanitizers' allocator may give mappings back; none may be gained.
+        EXPECT_TRUE(std::regex_match(
+            last, std::regex("unloaded 1000 times: descriptors \\+0, mappings (\\+0|-[0-9]+) "
+                             "after the first unload\n")))
+            << last;
+    }
+}
+
+// A queue-manager process given the companion only through the loader's path: start and
+// end reach it and the process lives on (the companion stays loaded after the fetch).
+TEST_F(Coordinator, DriveReachesACompanionFoundOnlyOnTheLoaderPath) {
+    const std::string companion = XAJMS_PELLUX_PATH;
+    setenv("LD_LIBRARY_PATH", companion.substr(0, companion.rfind('/')).c_str(), 1);
+    const ToolRun run =
+        runTool(drivePath(), {"--xid", "1:g:b", "open=qm", "start", "end", "close"});
+    unsetenv("LD_LIBRARY_PATH");
+    EXPECT_EQ(run.status, 0) << run.out << run.err;
+}
+
 }  // namespace

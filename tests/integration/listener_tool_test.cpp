@@ -9,9 +9,12 @@
 #include <map>
 #include <optional>
 
+#include <xajms/xajms.h>
+
 #include "registry/registry.h"
 #include "support/listener_process.h"
 #include "support/orlom.h"
+#include "wait_reason.h"
 
 namespace {
 
@@ -55,7 +58,8 @@ TEST_F(Tools, RefuseBadCommandLinesWithOneLineAndStatusTwo) {
         {L, "--bogus"}, {L, "stray"}, {L, "--port"}, {L, "--port", "65536"}, {L, "--mode", "dead"},
         {L, "--late", "commit"}, {L, "--late", "close:1"}, {L, "--never", "0"}, {L, "--xid", "1"},
         {L, "--drop-every", "0"}, {L, "--name", std::string(129, 'n')}, {L, "--no-register=1"},
-        {L, "--registry", ""}, {D}, {D, "--bogus", "open"}, {D, "frob"}, {D, "commit"},
+        {L, "--registry", ""}, {L, "--registry", "/no/such/dir/file"}, {D}, {D, "--bogus", "open"},
+        {D, "frob"}, {D, "commit"},
         {D, "--xid", "1:g", "commit"}, {D, "--xid", "1:" + std::string(65, 'g') + ":b", "commit"},
         {D, "--rmid"}, {D, "--threads", "257", "open"}, {D, "--expect", "commit=XA_NOPE", "open"},
         {D, "--expect", "commit", "open"}, {D, "--broker=yes", "open"}, {D, "--start", "x", "open"},
@@ -133,8 +137,9 @@ TEST_F(Tools, RegistryShowsCountedRowsAndRowsInUseBeyondTheCount) {
 
 TEST_F(Tools, RegistryRefusesWhatIsNoRegistryAndClearsRowZero) {
     const std::string noSignature = registryFile(1, {}).replace(5, 1, "X");
-    const registry::Row eg1 = {12, 0, 40002, 4, {}, "EG1"};
-    const std::string used = registryFile(2, {{0, {11, 0, 40001, 2, {}, "EG0"}}, {1, eg1}});
+    // No pid exceeds 4194304: these rows name no live process, so --clear warns of none.
+    const registry::Row eg1 = {4194306, 0, 40002, 4, {}, "EG1"};
+    const std::string used = registryFile(2, {{0, {4194305, 0, 40001, 2, {}, "EG0"}}, {1, eg1}});
     const std::string cleared =  // row 0 emptied; its name overwritten only by ' ' and '\0'
         registryFile(0, {{0, {0, 0, 0, 0, {}, {' ', '\0', '0'}}}, {1, eg1}});
     const std::string unformatted = ": not a formatted registry file (";
@@ -163,9 +168,62 @@ TEST_F(Tools, RegistryRefusesWhatIsNoRegistryAndClearsRowZero) {
         EXPECT_EQ(run.err, c.err.empty() ? "" : "xajms-registry: " + kPath + c.err);
         EXPECT_TRUE(fileText(kPath) == c.after.value_or(c.before.value_or("")));
     }
+    // A live process registered in the file (pid 1) and one mapping it (this test, through
+    // the library) are named before the file changes.
+    std::ofstream(kPath) << registryFile(2, {{1, {1, 0, 40001, 2, {}, "EG1"}}});
+    ASSERT_NE(GetSharedMemory_jms(), nullptr);
+    EXPECT_EQ(runTool(R, {"--clear"}).err,
+              "xajms-registry: warning: clearing row 0 and the row count of " + kPath +
+                  ", which other live processes use: pid 1 (row 1 'EG1'); pid " +
+                  std::to_string(getpid()) +
+                  " (maps it); a queue manager using this file acts on the change (xajms-sandbox "
+                  "gives a private file to try things in)\n");
     unlink(kPath.c_str());
     mkdir(kPath.c_str(), 0700);
     EXPECT_EQ(runTool(R, {}).err, "xajms-registry: " + kPath + ": not a regular file\n");
+}
+
+TEST(DriveWaitReason, NamesTheWaitThatTheRegistryShows) {
+    using xajms::tools::Snapshot;
+    const xajms::tools::ShownRow eg1 = {0, "EG1", 40001, 1, true, registry::kModeBroker, true};
+    xajms::tools::ShownRow eg2 = {1, "EG2", 40002, 4194305, false, registry::kModePending, true};
+    const Snapshot none{1, true, {}};
+    const Snapshot both{1, true, {eg1, eg2}};
+    eg2.mode = registry::kModeDead;
+    const Snapshot eg2Dead{1, true, {eg1, eg2}};
+    const Snapshot onlyDead{1, true, {eg2}};
+    eg2.mode = registry::kModeBroker;
+    eg2.index = 2;  // beyond the row count and the row at it: not looked at
+    const Snapshot beyond{1, true, {eg2}};
+    const std::string noListener = "no listener is registered in " + kPath +
+                                   " (no broker or pending row): the library looks for one 3 "
+                                   "times, a second apart, then returns XAER_RMFAIL";
+    const std::string refused =
+        "the port of 'EG2' (port 40002, pid 4194305 gone) refused "
+        "connections: the library tries 3 times, a second apart, then "
+        "marks the row dead and goes on";
+    const std::string waited = "waiting for the answers of 'EG1' (port 40001, pid 1 alive)";
+    const std::string answers =
+        ": the library waits up to 60 s for each listener's answer, then returns XAER_RMFAIL";
+    struct Case {
+        std::optional<Snapshot> before, after;
+        double tookMs;
+        std::string reason;
+    } cases[] = {
+        {none, std::nullopt, 3000,
+         "why; without a registry file the library looks for one 3 "
+         "times, a second apart, then returns XAER_RMFAIL"},
+        {none, none, 3000, noListener},
+        {onlyDead, onlyDead, 3000, noListener},  // marked dead before the call
+        {none, beyond, 3000, noListener},
+        {both, both, 1500, waited + ", 'EG2' (port 40002, pid 4194305 gone)" + answers},
+        {both, eg2Dead, 3000, refused},
+        {both, eg2Dead, 63000, refused + "; " + waited + answers},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.reason);
+        EXPECT_EQ(xajms::drive::waitReason(c.before, c.after, "why", c.tookMs), c.reason);
+    }
 }
 
 }  // namespace

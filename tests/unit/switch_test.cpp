@@ -147,6 +147,26 @@ TEST_F(JniBridge, UnreachableJavaIsReportedWithoutCallingThroughNull) {
     clearScripts();
 }
 
+// A queue-manager process that finds the companion only on the loader's path holds it
+// through nobody else: the fetch must not unload the code its table points into.
+TEST(JniBridgeAlone, CompanionFoundOnlyOnTheLoaderPathStaysLoaded) {
+    ASSERT_EQ(realDlopen(XAJMS_PELLUX_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr);
+    setDlopen([](const char *file, int mode) {
+        return std::string(file) == "libPellux.so" ? realDlopen(XAJMS_PELLUX_PATH, mode)
+                                                   : realDlopen(file, mode);
+    });
+    XID xid{};
+    EXPECT_EQ(xa_start_entry_jms(&xid, 1, TMNOFLAGS), XA_OK);
+    EXPECT_EQ(xa_end_entry_jms(&xid, 1, TMSUCCESS), XA_OK);
+    EXPECT_EQ(xa_start_entry_jms(&xid, 1, TMNOFLAGS), XA_OK);
+    clearScripts();
+    void *held = realDlopen(XAJMS_PELLUX_PATH, RTLD_NOW | RTLD_NOLOAD);
+    EXPECT_NE(held, nullptr);
+    if (held != nullptr) {
+        dlclose(held);
+    }
+}
+
 TEST_F(JniBridge, DeferredStartIsTracedStepByStep) {
     open("qm", 7);
     TempDir dir;

@@ -49,10 +49,21 @@ Options:
   --threads N         run the repeated verbs on N threads at once (default 1, at most 256)
                       With --repeat or --threads above 1, each line starts with
                       "thread=T round=R" and a last line gives the totals.
-  --help              print this text and exit
+  --reload            load the library before each of the --repeat rounds and unload it
+                      after, as a transaction manager that loads the switch per client
+                      does; a last line gives the descriptors and mappings the process
+                      gained after the first unload, and any gain counts as unexpected
+  -h, --help          print this text and exit
 
-Example:
-  xajms-drive --rmid 1 --xid 4711:gtrid01:bqual01 open start end prepare commit close
+Start and end go to Java in-process through the companion library libPellux.so, which
+only a broker process has (--broker); in a queue-manager process they return XAER_RMERR.
+A call that takes a second or more is explained on standard error: no listener registered
+(the library looks 3 times, a second apart, then returns XAER_RMFAIL), a port that refused
+connections (3 attempts, then its row is marked dead), or the listeners whose answers it
+waited for (up to 60 s each, then XAER_RMFAIL).
+
+Example (in xajms-sandbox, with a listener started by xajms-listener --name EG1 &):
+  xajms-drive --rmid 1 --xid 4711:gtrid01:bqual01 open='qm=QM1' prepare commit close
 
 Exit status: 0 when every call returned what was expected, 1 otherwise or when the library
 returns no usable switch, 2 for a bad command line or a library that cannot be loaded.
@@ -189,6 +200,7 @@ const std::vector<OptionEntry> &optionTable() {
          [](Options &o, std::string_view v) {
              o.threads = parseNumber<int>(v, "--threads", 1, kMaxThreads);
          }},
+        {"--reload", false, [](Options &o, std::string_view) { o.reload = true; }},
         {"--help", false, [](Options &o, std::string_view) { o.help = true; }},
     };
     return table;
@@ -255,6 +267,10 @@ Options parseOptions(int argc, const char *const *argv) {
     o.expect[static_cast<std::size_t>(Verb::recover)].anyCount = true;
     for (int i = 0; i < argc; ++i) {
         std::string_view arg = argv[i];
+        if (arg == "-h") {
+            o.help = true;
+            continue;
+        }
         if (!arg.starts_with("--")) {
             o.calls.push_back(parseVerb(arg));
             continue;

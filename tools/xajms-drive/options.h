@@ -44,6 +44,7 @@ struct Options {
     std::array<Expectation, kVerbs> expect{};
     int repeat = 1;
     int threads = 1;
+    bool reload = false;  // load and unload the library around each round
     std::vector<Call> calls;
     bool help = false;
 };

@@ -4,6 +4,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <filesystem>
 #include <functional>
 
 namespace xajms::listener {
@@ -24,7 +25,9 @@ Registration:
   --name NAME         execution group name stored in the row, at most 128 bytes
                       (default "xajms-listener").
   --registry PATH     registry file (default /var/orlom/XA_SWITCH_MMF). It is created
-                      and formatted when absent, short, or without its signature.
+                      and formatted when absent, short, or without its signature; its
+                      directory must exist. A warning on standard error names the other
+                      live processes that use the file (registered in it or mapping it).
   --no-register       do not touch the registry file.
   The row taken is the first empty row below the row count, else the row at the row
   count, which is then raised by one. On exit the row is emptied (mode, pid, port 0).
@@ -64,10 +67,14 @@ Output:
                       is "#n TYPE rmid=R flags=0x... xid=F:GTRID:BQUAL -> ANSWER", the XID
                       as in --xid ("xid=none" without one), and text="..." for close.
   --quiet             log no request lines.
-  --help              print this text and exit.
+  -h, --help          print this text and exit.
+
+Examples (in xajms-sandbox, so that no live queue manager sends them its transactions):
+  xajms-listener --mode broker --name EG1 &
+  xajms-listener --mode pending --name EG2 --never commit --xid 0x1234:616263:6465 &
 
 Exit status: 0 after a cleanup close, SIGTERM or SIGINT; 1 when the listener cannot
-listen or register; 2 for a bad command line.
+listen or register; 2 for a bad command line or a registry directory that does not exist.
 )";
 
 using Handler = std::function<void(Options &, std::string_view)>;
@@ -254,6 +261,7 @@ const std::vector<OptionEntry> &optionTable() {
         {"--log", true, [](Options &o, std::string_view v) { applyPath(o.logPath, v, "--log"); }},
         {"--quiet", false, [](Options &o, std::string_view) { o.quiet = true; }},
         {"--help", false, [](Options &o, std::string_view) { o.help = true; }},
+        {"-h", false, [](Options &o, std::string_view) { o.help = true; }},
     };
     return table;
 }
@@ -295,6 +303,19 @@ Options parseOptions(int argc, const char *const *argv) {
         entry.apply(o, inlineValue ? *inlineValue : std::string_view(argv[++i]));
     }
     return o;
+}
+
+void checkRegistryDirectory(const Options &o) {
+    if (!o.registerRow) {
+        return;
+    }
+    const std::filesystem::path dir =
+        std::filesystem::absolute(o.registry).lexically_normal().parent_path();
+    std::error_code error;
+    if (!std::filesystem::is_directory(dir, error)) {
+        throw UsageError("registry file " + o.registry + ": no directory " + dir.string() +
+                         " (xajms-sandbox gives a private /var/orlom to try things in)");
+    }
 }
 
 Behaviour behaviourFor(const Options &o, std::uint64_t n, RequestType type) {

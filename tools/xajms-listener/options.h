@@ -54,6 +54,10 @@ class UsageError : public std::runtime_error {
 // accept; later occurrences of an option override earlier ones, except --xid, which adds.
 Options parseOptions(int argc, const char *const *argv);
 
+// Throws UsageError when the listener is to register and the directory of its registry file
+// does not exist: a mistyped path is refused rather than created.
+void checkRegistryDirectory(const Options &options);
+
 // What a request numbered n of this type is to suffer: the rule for n, else a drop when n is
 // a multiple of dropEvery, else the rule for the type.
 Behaviour behaviourFor(const Options &o, std::uint64_t n, RequestType type);

@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 
@@ -58,13 +57,8 @@ unsigned char *rowAt(unsigned char *map, int row) {
 }
 
 int openRegistry(const std::string &path) {
-    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (fd < 0 && errno == ENOENT) {
-        // A missing /var/orlom is created once, as a fresh machine has none.
-        std::error_code ignored;
-        std::filesystem::create_directory(std::filesystem::path(path).parent_path(), ignored);
-        fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    }
+    // The directory is never created: checkRegistryDirectory refused a missing one.
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (fd < 0) {
         failWith(errno, "cannot open registry file " + path);
     }

@@ -8,9 +8,10 @@
 #include <string>
 #include <string_view>
 
+#include "common/registry_snapshot.h"
+#include "common/shared_file.h"
 #include "registry/registry.h"
 #include "show.h"
-#include "snapshot.h"
 
 namespace {
 
@@ -31,7 +32,14 @@ at or beyond the row count are shown when they are in use, marked with '*'.
   --file PATH   read this file instead of /var/orlom/XA_SWITCH_MMF (read only)
   --clear       clear the registry through the library: row 0 is emptied and the row
                 count set to 0; rows 1 and above keep their contents
-  --help        print this text and exit
+  -h, --help    print this text and exit
+
+A warning on standard error names the other live processes that use the file before
+--clear changes it.
+
+Examples:
+  xajms-registry
+  xajms-registry --json
 
 Exit status: 0 when shown or cleared, 1 when the file is absent, unreadable or not a
 formatted registry file, 2 for a bad command line.
@@ -49,7 +57,9 @@ std::optional<Options> parse(int argc, char **argv, std::string &why) {
     Options o;
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
-        if (arg == "--json" || arg == "--clear" || arg == "--help") {
+        if (arg == "-h") {
+            o.help = true;
+        } else if (arg == "--json" || arg == "--clear" || arg == "--help") {
             (arg == "--json" ? o.json : arg == "--clear" ? o.clear : o.help) = true;
         } else if (arg.starts_with("--file=")) {
             o.file = std::string(arg.substr(7));
@@ -70,13 +80,18 @@ std::optional<Options> parse(int argc, char **argv, std::string &why) {
 }
 
 int clear() {
-    using namespace xajms::registry_tool;
+    using namespace xajms::tools;
     const std::string path = xajms::registry::kPath;
     std::string why;
     const std::optional<Snapshot> before = readRegistry(path, why);
     if (!before) {
         std::fprintf(stderr, "xajms-registry: %s; nothing cleared\n", why.c_str());
         return kNoRegistry;
+    }
+    const std::string warning =
+        xajms::tools::sharedFileWarning(path, "clearing row 0 and the row count of");
+    if (!warning.empty()) {
+        std::fprintf(stderr, "xajms-registry: %s\n", warning.c_str());
     }
     ClearSharedMemory_jms();
     if (shared_stuff == nullptr) {
@@ -98,6 +113,7 @@ int clear() {
 
 int main(int argc, char **argv) {
     using namespace xajms::registry_tool;
+    using xajms::tools::readRegistry;
     std::string why;
     const std::optional<Options> options = parse(argc, argv, why);
     if (!options) {

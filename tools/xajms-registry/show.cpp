@@ -13,21 +13,6 @@ namespace xajms::registry_tool {
 
 namespace {
 
-std::string escapedName(std::string_view name) {
-    std::string shown;
-    for (const char c : name) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte < 0x7f && c != '\\') {
-            shown += c;
-        } else {
-            char hex[8];
-            std::snprintf(hex, sizeof hex, "\\x%02x", byte);
-            shown += hex;
-        }
-    }
-    return shown;
-}
-
 std::string jsonString(std::string_view text) {
     std::string shown = "\"";
     for (const char c : text) {
@@ -69,8 +54,8 @@ std::string table(const std::string &path, const Snapshot &s) {
         {"row", "execution group", "port", "pid", "alive", "mode"}};
     bool uncounted = false;
     for (const ShownRow &row : s.rows) {
-        cells.push_back({std::to_string(row.index), escapedName(row.name), std::to_string(row.port),
-                         std::to_string(row.pid), aliveText(row),
+        cells.push_back({std::to_string(row.index), tools::escapedName(row.name),
+                         std::to_string(row.port), std::to_string(row.pid), aliveText(row),
                          modeText(row) + (row.counted ? "" : " *")});
         uncounted = uncounted || !row.counted;
     }

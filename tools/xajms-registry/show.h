@@ -3,9 +3,13 @@
 
 #include <string>
 
-#include "snapshot.h"
+#include "common/registry_snapshot.h"
 
 namespace xajms::registry_tool {
+
+using tools::modeName;
+using tools::ShownRow;
+using tools::Snapshot;
 
 std::string table(const std::string &path, const Snapshot &snapshot);
 std::string json(const std::string &path, const Snapshot &snapshot);
