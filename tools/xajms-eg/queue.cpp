@@ -3,8 +3,10 @@
 // primary key refuses a message that arrives twice.
 #include "queue.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <set>
+#include <thread>
 
 #include "decisions.h"
 
@@ -119,19 +121,37 @@ Counts countQueues(PGconn *source, PGconn *target) {
 }
 
 Taken takeMessage(PGconn *pg, long &id, std::string &body, std::string &why) {
-    const Result r(PQexec(pg,
-                          "DELETE FROM source_queue WHERE id = (SELECT id FROM source_queue "
-                          "ORDER BY id FOR UPDATE SKIP LOCKED LIMIT 1) RETURNING id, body"));
-    if (PQresultStatus(r.get()) != PGRES_TUPLES_OK) {
-        why = resultError(pg, r.get());
-        return Taken::failed;
+    // Messages that other branches hold are skipped; when only such messages are left, the
+    // unit waits for their outcome, so that a run never stops early behind a unit of another
+    // thread or the session of a killed host that the server has not yet ended.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    for (;;) {
+        const Result r(PQexec(pg,
+                              "DELETE FROM source_queue WHERE id = (SELECT id FROM source_queue "
+                              "ORDER BY id FOR UPDATE SKIP LOCKED LIMIT 1) RETURNING id, body"));
+        if (PQresultStatus(r.get()) != PGRES_TUPLES_OK) {
+            why = resultError(pg, r.get());
+            return Taken::failed;
+        }
+        if (PQntuples(r.get()) > 0) {
+            id = std::strtol(PQgetvalue(r.get(), 0, 0), nullptr, 10);
+            body = PQgetvalue(r.get(), 0, 1);
+            return Taken::message;
+        }
+        const Result left(PQexec(pg, "SELECT 1 FROM source_queue LIMIT 1"));
+        if (PQresultStatus(left.get()) != PGRES_TUPLES_OK) {
+            why = resultError(pg, left.get());
+            return Taken::failed;
+        }
+        if (PQntuples(left.get()) == 0) {
+            return Taken::empty;
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            why = "the messages left in source_queue stay locked by other transactions";
+            return Taken::failed;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    if (PQntuples(r.get()) == 0) {
-        return Taken::empty;
-    }
-    id = std::strtol(PQgetvalue(r.get(), 0, 0), nullptr, 10);
-    body = PQgetvalue(r.get(), 0, 1);
-    return Taken::message;
 }
 
 bool putMessage(PGconn *pg, long id, const std::string &body, std::string &why) {
