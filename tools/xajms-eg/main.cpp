@@ -159,6 +159,11 @@ int hostRun(const Options &options, const std::vector<xajms::eg::OpenString> &op
     ZJavaInitSwitchJMS();
     host.sw = OrloStart();
     openResources(host, opens, options);
+    if (options.action == Action::inDoubt) {
+        listInDoubt(host, stdout);
+        closeResources(host);
+        return kDone;
+    }
     recoverBranches(host, stdout, options.quiet);
     int status = kDone;
     if (options.action == Action::move) {

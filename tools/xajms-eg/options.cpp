@@ -23,7 +23,7 @@ decision log and fsync'd, xa_commit of each, the decision forgotten. A prepare t
 or fails rolls every branch back. With one resource both tables are in the source database
 and the unit commits in one phase.
 
-Every run first recovers: it asks the group's listener for the prepared branches of each
+Every run (but --in-doubt's) first recovers: it asks the group's listener for the prepared branches of each
 resource, commits those whose decision is in the log and rolls back the others, one line
 per XID, then empties the log.
 
@@ -34,6 +34,8 @@ Resources (open strings of libPellux.so: eg=NAME conninfo='...' [log=FILE]):
 
 What to do (one of; moving messages is the default):
   --recover           recover, then stop.
+  --in-doubt          list the in-doubt branches and what a recovery would do with each,
+                      resolving nothing.
   --fill N            create the queue tables where missing, empty them and write the
                       messages 1..N into the source queue (directly, not through the switch).
   --check             the invariant: every message 1..N of the last fill is in exactly one
@@ -103,8 +105,8 @@ UnitPoint parsePoint(std::string_view option, std::string_view text) {
 // Sets the action once; a second action option is refused.
 void setAction(Options &options, Action action, bool &chosen, std::string_view option) {
     if (chosen) {
-        throw UsageError("choose one of --recover, --fill and --check (" + std::string(option) +
-                         ")");
+        throw UsageError("choose one of --recover, --in-doubt, --fill and --check (" +
+                         std::string(option) + ")");
     }
     chosen = true;
     options.action = action;
@@ -134,13 +136,15 @@ Options parseOptions(const std::vector<std::string_view> &args) {
             options.action = Action::help;
             return options;
         }
-        if (option == "--recover" || option == "--check" || option == "--quiet") {
-            if (option == "--quiet") {
-                options.quiet = true;
-            } else {
-                setAction(options, option == "--check" ? Action::check : Action::recover, chosen,
-                          option);
-            }
+        if (option == "--quiet") {
+            options.quiet = true;
+            continue;
+        }
+        if (option == "--recover" || option == "--check" || option == "--in-doubt") {
+            const Action action = option == "--check"     ? Action::check
+                                  : option == "--recover" ? Action::recover
+                                                          : Action::inDoubt;
+            setAction(options, action, chosen, option);
             continue;
         }
         if (i + 1 >= args.size()) {

@@ -14,7 +14,7 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-enum class Action { move, recover, fill, check, help };
+enum class Action { move, recover, inDoubt, fill, check, help };
 
 // The points of a unit, in the order a unit passes them.
 enum class Phase { none, start, work, prepare, decision, commit };

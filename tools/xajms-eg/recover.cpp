@@ -66,4 +66,21 @@ long recoverBranches(const Host &host, std::FILE *out, bool quiet) {
     return resolved;
 }
 
+long listInDoubt(const Host &host, std::FILE *out) {
+    const std::set<std::string> decided = host.log->decided();
+    long listed = 0;
+    for (const int rmid : host.rmids) {
+        for (const XID &xid : inDoubt(rmid)) {
+            const std::string gtrid(xid.data, static_cast<std::size_t>(xid.gtrid_length));
+            std::fprintf(out, "in doubt: rmid %d xid %s %s\n", rmid, xidText(xid).c_str(),
+                         decided.count(gtrid) != 0 ? "decision recorded: recovery commits it"
+                                                   : "no decision: recovery rolls it back");
+            ++listed;
+        }
+    }
+    std::fprintf(out, "in doubt: %ld branch%s\n", listed, listed == 1 ? "" : "es");
+    std::fflush(out);
+    return listed;
+}
+
 }  // namespace xajms::eg_host

@@ -14,4 +14,9 @@ namespace xajms::eg_host {
 // a resource cannot be asked or a branch cannot be resolved; the log then keeps every decision.
 long recoverBranches(const Host &host, std::FILE *out, bool quiet);
 
+// Lists the in-doubt branches of each rmid and what a recovery would do with each, one line
+// per XID, resolving nothing. Returns their number; throws Failure when a resource cannot be
+// asked.
+long listInDoubt(const Host &host, std::FILE *out);
+
 }  // namespace xajms::eg_host
