@@ -4,6 +4,7 @@
 // between threads. One thread at a time is associated with a branch.
 #include "eg.h"
 
+#include <deque>
 #include <map>
 
 namespace xajms::eg {
@@ -24,6 +25,20 @@ Table &table() {
     static Table *const branches = new Table;
     return *branches;
 }
+
+// The codes that ended recent branches, oldest first. Never destroyed, as the table.
+struct Endings {
+    std::mutex m;
+    std::map<std::pair<Ending, std::string>, int> codes;
+    std::deque<std::pair<Ending, std::string>> order;
+};
+
+Endings &endings() {
+    static Endings *const recent = new Endings;
+    return *recent;
+}
+
+constexpr std::size_t kRememberedEndings = 4096;
 
 // The calling thread's associated branch and own connection, per rmid.
 thread_local std::map<int, std::shared_ptr<Branch>> associated;
@@ -149,6 +164,29 @@ void retireBranch(Branch &b) {
     }
     const std::lock_guard<std::mutex> lock(table().m);
     table().byGid.erase(b.gid);
+}
+
+}  // namespace xajms::eg
+
+namespace xajms::eg {
+
+void rememberEnding(Ending how, const std::string &gid, int code) {
+    Endings &e = endings();
+    const std::lock_guard<std::mutex> lock(e.m);
+    if (e.codes.insert_or_assign({how, gid}, code).second) {
+        e.order.emplace_back(how, gid);
+    }
+    if (e.order.size() > kRememberedEndings) {
+        e.codes.erase(e.order.front());
+        e.order.pop_front();
+    }
+}
+
+std::optional<int> rememberedEnding(Ending how, const std::string &gid) {
+    Endings &e = endings();
+    const std::lock_guard<std::mutex> lock(e.m);
+    const auto it = e.codes.find({how, gid});
+    return it == e.codes.end() ? std::nullopt : std::optional<int>(it->second);
 }
 
 }  // namespace xajms::eg

@@ -152,6 +152,17 @@ std::shared_ptr<Branch> findBranch(const std::string &gid);
 // Takes a branch out of the table and gives its connection back; its mutex is held.
 void retireBranch(Branch &b);
 
+// The request that ended a branch without a prepared transaction to show for it.
+enum class Ending { prepare, onePhaseCommit };
+
+// Remembers the code that ended a branch, so that the same request retried after its answer
+// was lost (the hardened start function retries once) gets the same code. The last 4096
+// endings are kept.
+void rememberEnding(Ending how, const std::string &gid, int code);
+
+// The code remembered for the gid and request, if any.
+std::optional<int> rememberedEnding(Ending how, const std::string &gid);
+
 // ---- outcomes: outcomes.cpp -----------------------------------------------------------------
 
 int prepareBranch(const XID &xid, int rmid);

@@ -11,12 +11,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <exception>
-#include <list>
+#include <set>
 #include <utility>
 
 #include "listen_socket.h"
@@ -29,13 +29,6 @@ namespace {
 using listener::Descriptor;
 using listener::RequestType;
 
-struct Worker {
-    explicit Worker(int descriptor) : fd(descriptor) {}
-    int fd;
-    std::thread thread;
-    std::atomic<bool> done{false};
-};
-
 class Listener {
   public:
     explicit Listener(const std::string &eg);
@@ -44,22 +37,26 @@ class Listener {
     Listener &operator=(const Listener &) = delete;
 
     void requestStop();
+    // Empties the registry row, once: when the listener stops, or when the process exits.
+    void emptyRow();
 
   private:
     void run();
     void serve(int fd);
     bool handle(int fd, const listener::Header &h, std::span<const std::uint8_t> payload);
     void addWorker(int fd);
-    void reapWorkers();
+    void endWorker(int fd);
     void stopWorkers();
 
     Descriptor socket_;
     int port_ = 0;
+    std::mutex rowMutex_;
     std::optional<listener::RegistryRow> row_;
     Descriptor wake_;
+    // The connections being served, each by a detached thread of its own.
     std::mutex workersMutex_;
-    std::list<Worker> workers_;
-    std::thread thread_;
+    std::condition_variable workersEnded_;
+    std::set<int> workers_;
 };
 
 // Whether a listener runs, and whether one has stopped on a close. Never destroyed: the
@@ -75,6 +72,15 @@ struct State {
 State &state() {
     static State *const listenerState = new State;
     return *listenerState;
+}
+
+// A host that exits without a close leaves no row behind: nobody would answer on its port.
+void emptyRowAtExit() {
+    State &s = state();
+    const std::lock_guard<std::mutex> lock(s.m);
+    if (s.current != nullptr) {
+        s.current->emptyRow();
+    }
 }
 
 // Moves all of the bytes through the call (read or send), retrying EINTR. Returns false when
@@ -135,13 +141,15 @@ Listener::Listener(const std::string &eg) : wake_(::eventfd(0, EFD_CLOEXEC)) {
     }
     row_.emplace(std::string(listener::kDefaultRegistry), listener::Mode::broker, port_, eg,
                  listener::Sharing::exclusive);
-    thread_ = std::thread([this] { run(); });
+    // Detached: it ends on its own after a close, or with the process.
+    std::thread([this] { run(); }).detach();
 }
 
-Listener::~Listener() {
-    if (thread_.joinable()) {
-        thread_.join();
-    }
+Listener::~Listener() = default;
+
+void Listener::emptyRow() {
+    const std::lock_guard<std::mutex> lock(rowMutex_);
+    row_.reset();
 }
 
 void Listener::requestStop() {
@@ -156,14 +164,13 @@ void Listener::run() {
         if ((fds[1].revents & POLLIN) != 0) {
             break;
         }
-        reapWorkers();
         const int fd = ::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC);
         if (fd >= 0) {
             addWorker(fd);
         }
     }
     stopWorkers();
-    row_.reset();
+    emptyRow();
     socket_.reset();
     State &s = state();
     const std::lock_guard<std::mutex> lock(s.m);
@@ -176,63 +183,50 @@ void Listener::run() {
 // Nothing a connection does may end the process: a failure inside (out of memory) only
 // drops that connection.
 void Listener::addWorker(int fd) {
-    const std::lock_guard<std::mutex> lock(workersMutex_);
     try {
-        Worker &w = workers_.emplace_back(fd);
-        try {
-            w.thread = std::thread([this, &w] {
-                try {
-                    serve(w.fd);
-                } catch (const std::exception &e) {
-                    report("a listener connection failed: %s", e.what());
-                }
-                w.done = true;
-            });
-        } catch (const std::exception &) {
-            w.done = true;  // reaped without a thread to join
-        }
+        const std::lock_guard<std::mutex> lock(workersMutex_);
+        workers_.insert(fd);
     } catch (const std::exception &e) {
         report("a listener connection was refused: %s", e.what());
         ::close(fd);
+        return;
+    }
+    try {
+        std::thread([this, fd] {
+            try {
+                serve(fd);
+            } catch (const std::exception &e) {
+                report("a listener connection failed: %s", e.what());
+            }
+            endWorker(fd);
+        }).detach();
+    } catch (const std::exception &e) {
+        report("a listener connection was refused: %s", e.what());
+        endWorker(fd);
     }
 }
 
-// Joins the workers whose connection has ended and closes their descriptors.
-void Listener::reapWorkers() {
+// Closes a served connection; the last one lets a stopping listener go on.
+void Listener::endWorker(int fd) {
     const std::lock_guard<std::mutex> lock(workersMutex_);
-    for (auto w = workers_.begin(); w != workers_.end();) {
-        if (w->done) {
-            if (w->thread.joinable()) {
-                w->thread.join();
-            }
-            ::close(w->fd);
-            w = workers_.erase(w);
-        } else {
-            ++w;
-        }
+    ::close(fd);
+    workers_.erase(fd);
+    if (workers_.empty()) {
+        workersEnded_.notify_all();
     }
 }
 
 // Lets every request in flight finish: a worker's next read sees the end of its input.
 void Listener::stopWorkers() {
-    {
-        const std::lock_guard<std::mutex> lock(workersMutex_);
-        for (const Worker &w : workers_) {
-            ::shutdown(w.fd, SHUT_RD);
-        }
+    std::unique_lock<std::mutex> lock(workersMutex_);
+    for (const int fd : workers_) {
+        ::shutdown(fd, SHUT_RD);
     }
-    // Workers no longer change the list once accepting has stopped.
-    for (Worker &w : workers_) {
-        if (w.thread.joinable()) {
-            w.thread.join();
-        }
-        ::close(w.fd);
-    }
-    workers_.clear();
+    workersEnded_.wait(lock, [this] { return workers_.empty(); });
 }
 
 // Serves one connection until its peer closes it, a request is malformed, or the listener
-// stops. The descriptor is closed by the listener when it stops.
+// stops. The caller closes the descriptor.
 void Listener::serve(int fd) {
     std::array<std::uint8_t, listener::kMaxRequestSize> in{};
     while (readFull(fd, in.data(), listener::kHeaderSize)) {
@@ -301,6 +295,8 @@ std::string startListener(const std::string &eg) {
         return {};
     }
     try {
+        static const bool hooked = std::atexit(emptyRowAtExit) == 0;
+        (void)hooked;
         s.current = new Listener(eg);
         s.running = true;
         return {};

@@ -64,9 +64,13 @@ int finishPrepared(const char *verb, const std::string &gid, int rmid) {
     return r.state == "42704" ? XAER_NOTA : XAER_RMERR;
 }
 
-// Prepare of a branch the process does not hold: XA_OK when an earlier prepare reached
-// PostgreSQL, XAER_RMFAIL when that cannot be known, else XA_RBROLLBACK.
+// Prepare of a branch the process does not hold: the code of an earlier prepare that ended
+// it (read-only, or a rollback vote), XA_OK when an earlier prepare reached PostgreSQL,
+// XAER_RMFAIL when that cannot be known, else XA_RBROLLBACK.
 int prepareUnknown(const std::string &gid, int rmid) {
+    if (const auto code = rememberedEnding(Ending::prepare, gid)) {
+        return *code;
+    }
     Lease lease(rmid);
     if (lease.pg() == nullptr) {
         return lease.taken() == Taken::unknownRmid ? XA_RBROLLBACK : XAER_RMFAIL;
@@ -170,8 +174,13 @@ int prepareBranch(const XID &xid, int rmid) {
         return prepareUnknown(h.gid, rmid);
     }
     switch (h.b->state) {
-        case BranchState::idle:
-            return prepareIdle(*h.b);
+        case BranchState::idle: {
+            const int rc = prepareIdle(*h.b);
+            if (rc == XA_RDONLY || rc >= XA_RBBASE) {
+                rememberEnding(Ending::prepare, h.gid, rc);
+            }
+            return rc;
+        }
         case BranchState::failed:
             return abandon(*h.b, XA_RBROLLBACK);
         case BranchState::prepared:
@@ -182,14 +191,18 @@ int prepareBranch(const XID &xid, int rmid) {
 }
 
 // Commit: one-phase of an ended branch, or COMMIT PREPARED. A one-phase commit of a branch
-// the process does not hold votes rollback: its work is gone.
+// the process does not hold answers as the one-phase commit that ended it did, else votes
+// rollback: its work is gone.
 int commitBranch(const XID &xid, int rmid, bool onePhase) {
     Held h(xid, rmid);
     if (h.gid.empty()) {
         return XAER_INVAL;
     }
+    if (!h.held() && onePhase) {
+        return rememberedEnding(Ending::onePhaseCommit, h.gid).value_or(XA_RBROLLBACK);
+    }
     if (!h.held()) {
-        return onePhase ? XA_RBROLLBACK : finishPrepared("COMMIT PREPARED", h.gid, rmid);
+        return finishPrepared("COMMIT PREPARED", h.gid, rmid);
     }
     if (associatedOrSuspended(*h.b) || onePhase != (h.b->state != BranchState::prepared)) {
         return XAER_PROTO;
@@ -197,7 +210,12 @@ int commitBranch(const XID &xid, int rmid, bool onePhase) {
     if (h.b->state == BranchState::failed) {
         return abandon(*h.b, XA_RBROLLBACK);
     }
-    return onePhase ? commitIdle(*h.b) : h.finish("COMMIT PREPARED");
+    if (!onePhase) {
+        return h.finish("COMMIT PREPARED");
+    }
+    const int rc = commitIdle(*h.b);
+    rememberEnding(Ending::onePhaseCommit, h.gid, rc);
+    return rc;
 }
 
 // Rollback: ROLLBACK of an ended branch (XA_OK also when its connection is gone, since the

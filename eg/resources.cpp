@@ -51,7 +51,7 @@ bool canPrepare(PGconn *pg, int rmid) {
         report("rmid %d: cannot read max_prepared_transactions", rmid);
         return false;
     }
-    if (std::atol(PQgetvalue(r.result.get(), 0, 0)) < 1) {
+    if (std::strtol(PQgetvalue(r.result.get(), 0, 0), nullptr, 10) < 1) {
         report("rmid %d: the server has max_prepared_transactions = 0 and cannot prepare", rmid);
         return false;
     }

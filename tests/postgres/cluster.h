@@ -72,7 +72,9 @@ class Database {
             }
             PGresult *r = PQexec(pg_, sql.c_str());
             const ExecStatusType s = PQresultStatus(r);
-            last_ = s == PGRES_TUPLES_OK && PQntuples(r) > 0 ? std::atol(PQgetvalue(r, 0, 0)) : -1;
+            last_ = s == PGRES_TUPLES_OK && PQntuples(r) > 0
+                        ? std::strtol(PQgetvalue(r, 0, 0), nullptr, 10)
+                        : -1;
             PQclear(r);
             if (s == PGRES_COMMAND_OK || s == PGRES_TUPLES_OK) {
                 return true;
@@ -147,7 +149,7 @@ inline int registeredPort(pid_t pid) {
 }
 
 // Sends one request on a fresh connection and reads its 4-byte answer: the XA code, or -99
-// when the listener closed the connection without one.
+// when the listener closed the connection without one or gave none within 20 seconds.
 inline int ask(int port, const unsigned char *request, std::size_t length) {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
@@ -155,6 +157,8 @@ inline int ask(int port, const unsigned char *request, std::size_t length) {
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     unsigned char answer[4] = {};
+    const timeval patience{20, 0};  // a listener that hangs fails the test, not ctest's clock
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     const bool ok = ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
                     ::send(fd, request, length, MSG_NOSIGNAL) == static_cast<ssize_t>(length) &&
                     ::recv(fd, answer, sizeof answer, MSG_WAITALL) == sizeof answer;

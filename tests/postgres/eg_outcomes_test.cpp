@@ -14,7 +14,18 @@ namespace {
 constexpr int kPrepare = 0x2002, kCommit = 0x2003, kRollback = 0x2004, kForget = 0x2008;
 
 // The state a case puts its branch in before the request.
-enum class State { associated, ended, readOnly, violating, failed, prepared, unknown };
+// The last two: a request already answered, retried (its answer was lost).
+enum class State {
+    associated,
+    ended,
+    readOnly,
+    violating,
+    failed,
+    prepared,
+    unknown,
+    committedOnePhase,
+    preparedReadOnly
+};
 
 class EgOutcomes : public ::testing::Test {
   protected:
@@ -39,7 +50,7 @@ class EgOutcomes : public ::testing::Test {
         ASSERT_EQ(companion().jniXAJMSStart(&x, 1, TMNOFLAGS), XA_OK);
         PGconn *pg = xajms_eg_connection(1);
         ASSERT_NE(pg, nullptr);
-        if (state != State::readOnly) {
+        if (state != State::readOnly && state != State::preparedReadOnly) {
             const std::string insert =
                 "INSERT INTO work VALUES ('" + tag + "', " + std::to_string(++rows) + ")";
             rows -= state == State::violating ? 1 : 0;
@@ -52,8 +63,12 @@ class EgOutcomes : public ::testing::Test {
             const long flags = state == State::failed ? TMFAIL : TMSUCCESS;
             ASSERT_EQ(companion().jniXAJMSEnd(&x, 1, flags), XA_OK);
         }
-        if (state == State::prepared) {
-            ASSERT_EQ(ask(port, kPrepare, xid, 1, TMNOFLAGS), XA_OK);
+        if (state == State::prepared || state == State::preparedReadOnly) {
+            ASSERT_EQ(ask(port, kPrepare, xid, 1, TMNOFLAGS),
+                      state == State::prepared ? XA_OK : XA_RDONLY);
+        }
+        if (state == State::committedOnePhase) {
+            ASSERT_EQ(ask(port, kCommit, xid, 1, TMONEPHASE), XA_OK);
         }
     }
 
@@ -77,6 +92,7 @@ TEST_F(EgOutcomes, EachRequestOnEachBranchStateAnswersAndLeavesTheDatabaseAsXaSa
         {kPrepare, 0, State::prepared, XA_OK, 0, 1},  // a retried prepare
         {kPrepare, 0, State::unknown, XA_RBROLLBACK, 0, 0},
         {kPrepare, 0, State::associated, XAER_PROTO, 0, 0},
+        {kPrepare, 0, State::preparedReadOnly, XA_RDONLY, 0, 0},
         {kCommit, 0, State::ended, XAER_PROTO, 0, 0},
         {kCommit, 0, State::failed, XAER_PROTO, 0, 0},
         {kCommit, 0, State::prepared, XA_OK, 1, 0},
@@ -86,6 +102,7 @@ TEST_F(EgOutcomes, EachRequestOnEachBranchStateAnswersAndLeavesTheDatabaseAsXaSa
         {kCommit, TMONEPHASE, State::failed, XA_RBROLLBACK, 0, 0},
         {kCommit, TMONEPHASE, State::prepared, XAER_PROTO, 0, 1},
         {kCommit, TMONEPHASE, State::unknown, XA_RBROLLBACK, 0, 0},  // its work is gone
+        {kCommit, TMONEPHASE, State::committedOnePhase, XA_OK, 1, 0},
         {kRollback, 0, State::ended, XA_OK, 0, 0},
         {kRollback, 0, State::failed, XA_OK, 0, 0},
         {kRollback, 0, State::prepared, XA_OK, 0, 0},

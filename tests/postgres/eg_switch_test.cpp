@@ -168,6 +168,18 @@ TEST_P(EgSwitch, SecondExecutionGroupIsRefusedWhileTheFirstLives) {
     EXPECT_TRUE(registryRow(getpid(), row));
 }
 
+TEST_P(EgSwitch, HostThatExitsWithoutACloseLeavesNoRow) {
+    const pid_t host = fork();
+    if (host == 0) {
+        std::exit(open() == XA_OK && registeredPort(getpid()) != 0 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(host, &status, 0), host);
+    EXPECT_EQ(status, 0);
+    registry::Row row{};
+    EXPECT_FALSE(registryRow(host, row));
+}
+
 TEST_P(EgSwitch, BranchOfAHostKilledBeforePrepareVotesRollback) {
     XID xid = testXid(1);
     ASSERT_EQ(inHost([&] { return open() != XA_OK ? -1 : work(xid, "lost"); }), XA_OK);
