@@ -93,6 +93,7 @@ inside() {
         run "$line"
     done < <(awk '/^```sh$/ { on = 1; next } /^```$/ { on = 0 } on && NF' README.md)
     stop_listeners
+    [ "$(xajms-trace -h)" = "$(xajms-trace --help)" ] || { echo "xajms-trace -h is not --help"; exit 1; }
     for tool in xajms-sandbox xajms-listener xajms-registry xajms-drive; do
         [ "$("$tool" -h)" = "$("$tool" --help)" ] || { echo "$tool -h is not --help"; exit 1; }
         [ "$tool" != xajms-drive ] || run "xajms-listener --name EG1 &"

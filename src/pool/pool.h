@@ -61,7 +61,7 @@ int findSlot(const PortRow &row, int sockfd);
 int32_t wrapAdd(int32_t value, int32_t delta);
 
 // Shuts a descriptor down for reading, then for writing, and closes it; the results are
-// not examined.
+// not examined. A hardened process never closes descriptor 0 or below here.
 void shutAndClose(int sockfd);
 
 // After the top slot was emptied: lowers rows past it and past every further empty slot
@@ -72,5 +72,21 @@ void lowerRows(PortRow &row);
 // the lock at this moment: then nothing is touched and false is returned. Only the
 // library's unload calls it, without tracing.
 bool releaseAll();
+
+// How the process deals with a failed exchange with a listener. Exact until a start function
+// fixes it: OrloStart fixes exact, OrloStartSafe hardened, and the first fix holds for the
+// life of the process. Hardened, a failed read leaves the pool alone (its caller replaces
+// only its own socket), a clear leaves the sockets callers hold, a refreshed socket is one
+// its caller still holds, an emptied slot's descriptor 0 is never closed, and a request that
+// was not delivered is sent once more on a fresh connection.
+enum class Mode : int { kUnset, kExact, kHardened };
+// Fixes the mode unless a start function has fixed it already; returns the mode in force.
+Mode fixMode(Mode wanted);
+bool hardened();
+
+// A new connection for the port, never an idle pooled socket (which may be as stale as the
+// one that just failed), marked in use in an emptied slot or above the live slots; taken
+// under the pool lock. Returns the descriptor, or 0 when none could be made or kept.
+int getFresh(int port);
 
 }  // namespace xajms::pool

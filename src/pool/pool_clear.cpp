@@ -17,7 +17,8 @@ constexpr char kFunction[] = "poolClear";
 extern "C" {
 
 // Closes the sockets of the port's row, or of every row when port is -1. Descriptor 0 of an
-// emptied slot is closed like any other.
+// emptied slot is closed like any other. A hardened process leaves the sockets that callers
+// hold to them (each returns or replaces its own) and descriptor 0 open.
 void poolClear_jms(int port) {
     const bool tracing = xajms::trace::on(sockettraceJMSfile);
     if (tracing) {
@@ -35,6 +36,9 @@ void poolClear_jms(int port) {
         }
         const int live = xajms::pool::liveSlots(row);
         for (int i = 0; i < live; ++i) {
+            if (row.slot[i].inUse != 0 && xajms::pool::hardened()) {
+                continue;
+            }
             const int sockfd = row.slot[i].sockfd;
             xajms::pool::shutAndClose(sockfd);
             if (tracing) {

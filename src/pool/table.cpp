@@ -41,6 +41,12 @@ int32_t wrapAdd(int32_t value, int32_t delta) {
 }
 
 void shutAndClose(int sockfd) {
+    // An emptied slot holds descriptor 0, which the pool does not own: a hardened process
+    // leaves it (often the host's standard input) open, so that no socket can land on the
+    // pool's "no connection".
+    if (sockfd <= 0 && hardened()) {
+        return;
+    }
     shutdown(sockfd, SHUT_RD);
     shutdown(sockfd, SHUT_WR);
     close(sockfd);

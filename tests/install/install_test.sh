@@ -33,7 +33,7 @@ libdir=$(pkg-config --variable=libdir xajms)
 readelf -d "$libdir/libxajms.so.1" | grep 'SONAME.*\[libxajms\.so\.1\]' >/dev/null ||
     fail "bad SONAME"
 for f in include/xajms/xa.h include/xajms/xajms.h bin/xajms-drive bin/xajms-registry \
-    bin/xajms-listener bin/xajms-sandbox; do
+    bin/xajms-listener bin/xajms-sandbox bin/xajms-trace; do
     [ -e "$prefix/$f" ] || fail "$f not installed"
 done
 # The execution group, when this build has it (libpq installed).

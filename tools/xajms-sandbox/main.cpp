@@ -34,8 +34,8 @@ use it, are never touched. Without /var/orlom on the machine the tmpfs covers /v
 the rest of /var is bound back into it.
 
 The tools built or installed beside xajms-sandbox (xajms-listener, xajms-drive,
-xajms-registry) come first on PATH, and XAJMS_SANDBOX names the private file, so that the
-tools do not warn about the other processes in the sandbox that use it.
+xajms-registry, xajms-trace) come first on PATH, and XAJMS_SANDBOX names the private file,
+so that the tools do not warn about the other processes in the sandbox that use it.
 
 The private file lasts as long as a process runs in the sandbox: leave the shell with
 'exit' and stop the listeners you started in the background.
@@ -63,7 +63,7 @@ std::string toolDirectories() {
     }
     const fs::path dir = self.parent_path();
     std::string dirs = dir.string();
-    for (const char *tool : {"xajms-listener", "xajms-drive", "xajms-registry"}) {
+    for (const char *tool : {"xajms-listener", "xajms-drive", "xajms-registry", "xajms-trace"}) {
         const fs::path built = dir.parent_path() / tool;
         if (!fs::exists(dir / tool, error) && fs::exists(built / tool, error)) {
             dirs += ":" + built.string();
