@@ -23,9 +23,9 @@ decision log and fsync'd, xa_commit of each, the decision forgotten. A prepare t
 or fails rolls every branch back. With one resource both tables are in the source database
 and the unit commits in one phase.
 
-Every run (but --in-doubt's) first recovers: it asks the group's listener for the prepared branches of each
-resource, commits those whose decision is in the log and rolls back the others, one line
-per XID, then empties the log.
+Every run but --in-doubt's first recovers: it asks the group's listener for the prepared
+branches of each resource, commits those whose decision is in the log and rolls back the
+others, one line per XID, then empties the log.
 
 Resources (open strings of libPellux.so: eg=NAME conninfo='...' [log=FILE]):
   --source OPEN       rmid 1, the source queue's database (required).
