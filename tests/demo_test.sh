@@ -115,7 +115,12 @@ demo() {
         echo "demo failed"
         exit 1
     fi
-    local expected='OUTCOME two-phase commit: as expected (XA_OK from prepare and commit)
+    local expected='OUTCOME move: 1000 messages with two-phase commit
+OUTCOME crash after prepare: 2 branches in doubt
+OUTCOME restart: 2 rolled back
+OUTCOME crash after the decision: 2 committed at restart
+OUTCOME invariant: every message in exactly one queue
+OUTCOME two-phase commit: as expected (XA_OK from prepare and commit)
 OUTCOME rollback: as expected (XA_OK from prepare and rollback)
 OUTCOME refused commit: as expected (XAER_RMFAIL from commit)
 OUTCOME listener without an answer: as expected (XAER_RMFAIL, then XA_OK on a new connection)
@@ -130,6 +135,8 @@ OUTCOME trace: written to one file per process'
         exit 1
     fi
     grep -q '{ Varnelink xa_commit_entry_jms' "$out" || { echo "no commit trace shown"; exit 1; }
+    grep -q '^check: total 1100, source 0, target 1100, in both 0, in neither 0, unknown 0, in doubt 0: exactly once$' "$out" ||
+        { echo "no exact invariant shown"; exit 1; }
     echo "demo outcome lines match"
 }
 
