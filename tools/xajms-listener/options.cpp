@@ -2,6 +2,7 @@
 // behaviour, and the --help text. Every refusal is a UsageError with a one-line reason.
 #include "options.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <functional>
@@ -34,6 +35,9 @@ Answers:
   --commit N          commit,
   --rollback N        rollback and
   --forget N          forget. N is a signed decimal number, e.g. --rollback -4.
+  --answer XID=N      answer N to every prepare, commit, rollback and forget for this
+                      XID (F:GTRID:BQUAL as in --xid), whatever the type's code is;
+                      repeatable, a later rule for the same XID wins.
   --xid F:GTRID:BQUAL add an XID to the recover answer (repeatable, in order). F is the
                       formatID in decimal or 0x-prefixed hex, optionally negative;
                       GTRID and BQUAL are the bytes in hex (two digits a byte, may be
@@ -188,6 +192,15 @@ Handler answerCode(RequestType type, std::string_view option) {
     };
 }
 
+void applyAnswer(Options &o, std::string_view v) {
+    const auto eq = v.rfind('=');
+    if (eq == std::string_view::npos) {
+        fail("--answer", "expected F:GTRID:BQUAL=N, got '" + std::string(v) + "'");
+    }
+    o.answers.emplace_back(parseXid(v.substr(0, eq), "--answer"),
+                           parseNumber<std::int32_t>(v.substr(eq + 1), "--answer", 10));
+}
+
 void applyDropEvery(Options &o, std::string_view v) {
     o.dropEvery = parseNumber<std::uint64_t>(v, "--drop-every", 10);
     if (o.dropEvery == 0) {
@@ -236,6 +249,7 @@ const std::vector<OptionEntry> &optionTable() {
         {"--commit", true, answerCode(RequestType::commit, "--commit")},
         {"--rollback", true, answerCode(RequestType::rollback, "--rollback")},
         {"--forget", true, answerCode(RequestType::forget, "--forget")},
+        {"--answer", true, applyAnswer},
         {"--xid", true,
          [](Options &o, std::string_view v) { o.xids.push_back(parseXid(v, "--xid")); }},
         {"--recover-count", true,
@@ -306,6 +320,20 @@ Behaviour behaviourFor(const Options &o, std::uint64_t n, RequestType type) {
     }
     const auto index = static_cast<std::size_t>(type);
     return index < o.byType.size() ? o.byType[index] : Behaviour{};
+}
+
+std::int32_t codeFor(const Options &o, RequestType type, std::span<const std::uint8_t> payload) {
+    XidView v{};
+    if (!o.answers.empty() && decodeXid(payload, v) == XidStatus::valid) {
+        for (auto it = o.answers.rbegin(); it != o.answers.rend(); ++it) {
+            const Xid &x = it->first;
+            if (x.formatId == v.formatId && std::ranges::equal(x.gtrid, v.gtrid) &&
+                std::ranges::equal(x.bqual, v.bqual)) {
+                return it->second;
+            }
+        }
+    }
+    return o.codes[static_cast<std::size_t>(type)];
 }
 
 std::string_view helpText() {
