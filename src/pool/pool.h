@@ -61,7 +61,9 @@ int findSlot(const PortRow &row, int sockfd);
 int32_t wrapAdd(int32_t value, int32_t delta);
 
 // Shuts a descriptor down for reading, then for writing, and closes it; the results are
-// not examined.
+// not examined. Descriptor 0, which an emptied slot holds, names no socket of the pool and
+// is left alone: closing it would close the host's standard input, or a trace file or new
+// socket that took the number, which the pool would then take for no socket.
 void shutAndClose(int sockfd);
 
 // After the top slot was emptied: lowers rows past it and past every further empty slot

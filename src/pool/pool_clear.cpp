@@ -16,8 +16,8 @@ constexpr char kFunction[] = "poolClear";
 
 extern "C" {
 
-// Closes the sockets of the port's row, or of every row when port is -1. Descriptor 0 of an
-// emptied slot is closed like any other.
+// Closes the sockets of the port's row, or of every row when port is -1. An emptied slot's
+// descriptor 0 names no socket and is left alone (see shutAndClose).
 void poolClear_jms(int port) {
     const bool tracing = xajms::trace::on(sockettraceJMSfile);
     if (tracing) {

@@ -41,6 +41,9 @@ int32_t wrapAdd(int32_t value, int32_t delta) {
 }
 
 void shutAndClose(int sockfd) {
+    if (sockfd == 0) {
+        return;
+    }
     shutdown(sockfd, SHUT_RD);
     shutdown(sockfd, SHUT_WR);
     close(sockfd);
