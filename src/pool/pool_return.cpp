@@ -143,7 +143,10 @@ int poolReturnAndRefresh_jms(int port, int returnSockfd) {
             continue;
         }
         SocketSlot &slot = row.slot[i];
-        xajms::pool::shutAndClose(slot.sockfd);  // the slot holds returnSockfd
+        // A socket that another caller took meanwhile is left open to it (see poolClear_jms).
+        if (slot.inUse == 0 || !xajms::pool::detachIfHeld(slot.sockfd, true)) {
+            xajms::pool::shutAndClose(slot.sockfd);  // the slot holds returnSockfd
+        }
         if (tracing()) {
             xajms::trace::data(sockettraceJMSfile, kXASocket, kRefresh, "closed sockfd %d",
                                slot.sockfd);

@@ -27,6 +27,9 @@ int liveSlots(const PortRow &row) {
 }
 
 int findSlot(const PortRow &row, int sockfd) {
+    if (closedByMe(sockfd)) {
+        return -1;
+    }
     const int live = liveSlots(row);
     for (int i = 0; i < live; ++i) {
         if (row.slot[i].sockfd == sockfd) {

@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <latch>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -121,6 +123,65 @@ TEST_F(Pool, ClearEmptiesSlotsButKeepsRowsAndCounters) {
     EXPECT_EQ(rowOf(0), want(4000, 2, 1, {}));
     EXPECT_FALSE(isOpen(a[0].first));
     EXPECT_TRUE(isOpen(0));  // the host's, never closed by the pool
+}
+
+// A socket that a caller holds when a clear empties its slot (another caller's failed read)
+// stays open until its holder is done with it: closed under the holder, its number would go
+// to the next connection, and the holder would read that connection's answer.
+TEST_F(Pool, ASocketHeldThroughAClearIsClosedWhenItsHolderIsDone) {
+    LoopbackPort listener;
+    const int port = listener.port();
+    auto clearAll = [] {
+        lockConnectionPool_jms();
+        poolClear_jms(-1);
+        unlockConnectionPool_jms();
+    };
+    // Done by giving it back (20), as broken (30), by clearing its port as the close does (40),
+    // or by getting its next socket (10) after a failed write left it unreturned.
+    for (int done : {20, 30, 40, 10}) {
+        SCOPED_TRACE(done);
+        int held = 0;
+        connectionSocketPool_jms(port, &held, 10);
+        clearAll();
+        EXPECT_EQ(rowOf(0), want(port, 1, 0, {}));
+        EXPECT_TRUE(isOpen(held));
+        int next = held;
+        connectionSocketPool_jms(port, &next, done);
+        EXPECT_FALSE(isOpen(held));
+        connectionSocketPool_jms(port, &next, 20);
+    }
+
+    // Another thread's give-back closed a; this thread's connection took a's number. The
+    // refresh that thread sends after its give-back leaves this socket alone; a refresh of it
+    // by a thread that never held it empties its slot but leaves it open to this thread.
+    int a = 0;
+    std::vector<int> below;  // every free descriptor below a, so that a's number comes next
+    std::latch given(1), taken(1);
+    std::jthread other([&] {
+        connectionSocketPool_jms(port, &a, 10);
+        clearAll();
+        for (int fd = 0; fd >= 0 && fd < a;) {
+            fd = open("/dev/null", O_RDONLY);
+            below.push_back(fd);
+        }
+        connectionSocketPool_jms(port, &a, 20);
+        given.count_down();
+        taken.wait();
+        connectionSocketPool_jms(port, &a, 30);
+        EXPECT_EQ(rowOf(0), want(port, 1, 0, {{a, 1}}));
+        connectionSocketPool_jms(port, &a, 30);
+        EXPECT_EQ(rowOf(0), want(port, 0, -1, {}));  // the top slot emptied
+    });
+    given.wait();
+    int b = 0;
+    connectionSocketPool_jms(port, &b, 10);
+    taken.count_down();
+    other.join();
+    ASSERT_EQ(b, a);
+    EXPECT_TRUE(isOpen(b));
+    connectionSocketPool_jms(port, &b, 20);
+    EXPECT_FALSE(isOpen(b));
+    std::for_each(below.begin(), below.end(), close);
 }
 
 // A refresh empties the slot, and a top one takes rows down past the empty slots below. A
