@@ -91,7 +91,7 @@ TEST_P(Stress, ConcurrentCommitsGiveDefinedCodesAndLeaveThePoolConsistent) {
     // missing answer, XAER_RMFAIL. Every other commit gets its own thread's code: a failed
     // read empties the pool, but the sockets other threads are using stay theirs until they
     // give them back, so no other exchange fails with it and no answer goes astray.
-    std::map<std::string, long> count;  // commits by outcome
+    std::map<std::string, long> count{{"XAER_RMFAIL", 0}, {"own", 0}};  // commits by outcome
     for (int t = 0; t < kThreads; ++t) {
         for (long c = 0; c < commits; ++c) {
             const int code = codes[static_cast<size_t>(t * commits + c)];
