@@ -75,7 +75,8 @@ void giveBack(int sockfd, bool last) {
 }
 
 void endHold() {
-    if (Holder *h = mine(); h != nullptr) {
+    Holder *h = mine();
+    if (h != nullptr) {
         closeDetached(*h);
         forget(h);
     }
