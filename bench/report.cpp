@@ -162,10 +162,13 @@ void printReport(const Report &r) {
         "load average %.2f before, %.2f after\n",
         micros(r.roundP50MinUs).c_str(), micros(r.roundP50MaxUs).c_str(), r.rounds,
         r.machine.loadBefore, r.machine.loadAfter);
-    std::printf("\ngoals%s:\n", r.smoke ? " (smoke run: too few calls to judge)" : "");
+    // A smoke run makes too few calls for a ratio to mean anything: its goals are shown
+    // with their values but not judged, so that no "MISSED" reaches a log that judges nothing.
+    std::printf("\ngoals%s:\n", r.smoke ? " (not judged in a smoke run: too few calls)" : "");
     for (const Goal &g : goals(r)) {
+        const char *verdict = r.smoke ? "not judged" : g.met() ? "met" : "MISSED";
         std::printf("  %-50s %8.3f  %s %.2f  %s\n", g.text.c_str(), g.measured,
-                    g.atMost ? "<=" : ">=", g.bound, g.met() ? "met" : "MISSED");
+                    g.atMost ? "<=" : ">=", g.bound, verdict);
     }
 }
 
@@ -195,10 +198,10 @@ bool writeJson(const Report &r, const std::string &path) {
     out << "  \"goals\": [\n";
     const auto g = goals(r);
     for (std::size_t i = 0; i < g.size(); ++i) {
+        const char *met = r.smoke ? "null" : g[i].met() ? "true" : "false";  // smoke: unjudged
         out << "    {\"goal\": \"" << g[i].text << "\", \"measured\": " << g[i].measured
             << ", \"bound\": " << g[i].bound
-            << ", \"at_most\": " << (g[i].atMost ? "true" : "false")
-            << ", \"met\": " << (g[i].met() ? "true" : "false") << "}"
+            << ", \"at_most\": " << (g[i].atMost ? "true" : "false") << ", \"met\": " << met << "}"
             << (i + 1 == g.size() ? "\n" : ",\n");
     }
     out << "  ]\n}\n";

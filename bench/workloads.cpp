@@ -136,7 +136,7 @@ std::vector<std::string> recoverListenerArgs(int n) {
         const XID xid = recoverXid(i);
         const auto *data = reinterpret_cast<const unsigned char *>(xid.data);
         args.push_back("--xid");
-        args.push_back(std::to_string(kFormatId) + ":" + hex(data, kGtridLength) + ":" +
+        args.push_back(std::to_string(kFormatId) + ":0x" + hex(data, kGtridLength) + ":0x" +
                        hex(data + kGtridLength, kBqualLength));
     }
     return args;

@@ -29,6 +29,11 @@ XAJMS_API extern struct xa_switch_t jta_switch_jms;
 XAJMS_API extern int iOrloStart_jms;
 XAJMS_API extern char *libpath;
 XAJMS_API struct xa_switch_t *OrloStart(void);
+/* The hardened switch: the same entries, whose process then treats an undelivered request,
+ * the fold of several listeners' answers, a failed read and recover safely (README, "Which
+ * start function?"). The first start function called fixes the mode of the process; the
+ * other one then returns null. */
+XAJMS_API struct xa_switch_t *OrloStartSafe(void);
 
 /* ---- Process state and broker start-up hooks ----------------------------------------- */
 

@@ -2,7 +2,8 @@
 // that meets a socket in use takes it out of the table but leaves it open to its holder,
 // which closes it when it gives it back: a descriptor closed under its holder would have its
 // number reused by the next connection, and the holder would then read or write another
-// caller's exchange. Everything here runs under the pool lock, as the table does.
+// caller's exchange. The record has a mutex of its own, taken inside the pool lock where both
+// are taken, so that a caller that abandons its socket needs no pool lock (and no trace).
 #include "pool/pool.h"
 
 #include <pthread.h>
@@ -28,6 +29,17 @@ constexpr int kMaxHolders = 1024;
 Holder holders[kMaxHolders];
 int used = 0;
 
+pthread_mutex_t holdersLock = PTHREAD_MUTEX_INITIALIZER;
+
+// Holds the record's mutex for one scope.
+class Guard {
+  public:
+    Guard() { pthread_mutex_lock(&holdersLock); }
+    ~Guard() { pthread_mutex_unlock(&holdersLock); }
+    Guard(const Guard &) = delete;
+    Guard &operator=(const Guard &) = delete;
+};
+
 Holder *mine() {
     const pthread_t self = pthread_self();
     for (int i = 0; i < used; ++i) {
@@ -50,12 +62,22 @@ void closeDetached(Holder &h) {
     }
 }
 
+// Ends the calling thread's hold: a detached socket is closed, the entry forgotten.
+void endMine() {
+    Holder *h = mine();
+    if (h != nullptr) {
+        closeDetached(*h);
+        forget(h);
+    }
+}
+
 }  // namespace
 
 namespace xajms::pool {
 
 void hold(int sockfd) {
-    endHold();
+    const Guard guard;
+    endMine();
     if (used < kMaxHolders) {
         holders[used] = Holder{pthread_self(), sockfd, State::holding};
         used += 1;
@@ -63,6 +85,7 @@ void hold(int sockfd) {
 }
 
 void giveBack(int sockfd, bool last) {
+    const Guard guard;
     Holder *h = mine();
     if (h == nullptr || h->sockfd != sockfd) {
         return;
@@ -75,14 +98,20 @@ void giveBack(int sockfd, bool last) {
 }
 
 void endHold() {
-    Holder *h = mine();
-    if (h != nullptr) {
-        closeDetached(*h);
-        forget(h);
+    const Guard guard;
+    endMine();
+}
+
+void abandon(int sockfd) {
+    const Guard guard;
+    const Holder *h = mine();
+    if (h != nullptr && h->sockfd == sockfd) {
+        endMine();
     }
 }
 
 bool detachIfHeld(int sockfd, bool othersOnly) {
+    const Guard guard;
     const pthread_t self = pthread_self();
     for (int i = 0; i < used; ++i) {
         Holder &h = holders[i];
@@ -97,6 +126,7 @@ bool detachIfHeld(int sockfd, bool othersOnly) {
 }
 
 bool closedByMe(int sockfd) {
+    const Guard guard;
     const Holder *h = mine();
     return h != nullptr && h->sockfd == sockfd && h->state == State::closed;
 }

@@ -64,7 +64,8 @@ int32_t wrapAdd(int32_t value, int32_t delta);
 // Shuts a descriptor down for reading, then for writing, and closes it; the results are
 // not examined. Descriptor 0, which an emptied slot holds, names no socket of the pool and
 // is left alone: closing it would close the host's standard input, or a trace file or new
-// socket that took the number, which the pool would then take for no socket.
+// socket that took the number, which the pool would then take for no socket. A hardened
+// process leaves a negative descriptor alone too.
 void shutAndClose(int sockfd);
 
 // The callers that hold sockets of the pool, kept by the calling thread and called under the
@@ -75,6 +76,10 @@ void shutAndClose(int sockfd);
 void hold(int sockfd);
 void giveBack(int sockfd, bool last);
 void endHold();
+// A caller whose request could not be written leaves its socket in its slot, in use, and
+// names it no more: it is no longer held (a clear closes it), or closed now when a clear has
+// detached it already. Needs no pool lock.
+void abandon(int sockfd);
 
 // Asked before a clear or refresh closes the socket of an in-use slot: when a caller holds it
 // (a caller other than the calling thread, with othersOnly), marks it to be closed when its
@@ -88,5 +93,26 @@ bool closedByMe(int sockfd);
 // After the top slot was emptied: lowers rows past it and past every further empty slot
 // below, stopping at a slot that holds a descriptor or at 0.
 void lowerRows(PortRow &row);
+
+// Closes every pooled socket and destroys the pool lock, unless a thread holds a socket or
+// the lock at this moment: then nothing is touched and false is returned. Only the
+// library's unload calls it, without tracing.
+bool releaseAll();
+
+// How the process deals with a failed exchange with a listener. Exact until a start function
+// fixes it: OrloStart fixes exact, OrloStartSafe hardened, and the first fix holds for the
+// life of the process. Hardened, a failed read leaves the pool alone (its caller replaces
+// only its own socket), a clear leaves the sockets callers hold, a refreshed socket is one
+// its caller still holds, an emptied slot's descriptor 0 is never closed, and a request that
+// was not delivered is sent once more on a fresh connection.
+enum class Mode : int { kUnset, kExact, kHardened };
+// Fixes the mode unless a start function has fixed it already; returns the mode in force.
+Mode fixMode(Mode wanted);
+bool hardened();
+
+// A new connection for the port, never an idle pooled socket (which may be as stale as the
+// one that just failed), marked in use in an emptied slot or above the live slots; taken
+// under the pool lock. Returns the descriptor, or 0 when none could be made or kept.
+int getFresh(int port);
 
 }  // namespace xajms::pool

@@ -20,7 +20,8 @@ extern "C" {
 // Closes the sockets of the port's row, or of every row when port is -1. An emptied slot's
 // descriptor 0 names no socket and is left alone (see shutAndClose). A held socket stays open
 // until its holder gives it back: were its number reused by the next connection meanwhile,
-// the holder would read the answer meant for that connection's caller.
+// the holder would read the answer meant for that connection's caller. A hardened process
+// leaves held sockets in their slots (each holder returns or replaces its own).
 void poolClear_jms(int port) {
     const bool tracing = xajms::trace::on(sockettraceJMSfile);
     if (tracing) {
@@ -38,6 +39,9 @@ void poolClear_jms(int port) {
         }
         const int live = xajms::pool::liveSlots(row);
         for (int i = 0; i < live; ++i) {
+            if (row.slot[i].inUse != 0 && xajms::pool::hardened()) {
+                continue;
+            }
             const int sockfd = row.slot[i].sockfd;
             if (row.slot[i].inUse == 0 || !xajms::pool::detachIfHeld(sockfd, false)) {
                 xajms::pool::shutAndClose(sockfd);

@@ -9,6 +9,7 @@ namespace {
 
 using xajms::pool::kMaxPorts;
 using xajms::pool::kMaxSockets;
+using xajms::pool::kNoSocket;
 using xajms::trace::kXASocket;
 
 constexpr char kFunction[] = "poolGetNext";
@@ -147,7 +148,54 @@ int addSocket(PortRow &row, int port) {
     return sockfd;
 }
 
+// The first idle emptied slot among the live ones, or -1.
+int emptySlot(const PortRow &row) {
+    for (int i = 0; i < xajms::pool::liveSlots(row); ++i) {
+        if (row.slot[i].inUse == 0 && row.slot[i].sockfd == 0) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+// Connects into the emptied slot i. Returns the descriptor, now in use, or 0.
+int connectInto(PortRow &row, int i, int port) {
+    const int sockfd = makeConnection_jms(port);
+    if (sockfd > 0) {
+        row.slot[i] = SocketSlot{sockfd, 1};
+        if (tracing()) {
+            xajms::trace::data(sockettraceJMSfile, kXASocket, kFunction,
+                               "reusing row %d for sockfd %d for port %d", i, sockfd, port);
+        }
+    }
+    traceCounts(row, port);
+    traceJMSExit(sockettraceJMSfile, kXASocket, kFunction);
+    return sockfd;
+}
+
 }  // namespace
+
+namespace xajms::pool {
+
+int getFresh(int port) {
+    lockConnectionPool_jms();
+    if (tracing()) {
+        xajms::trace::entryData(sockettraceJMSfile, kXASocket, kFunction, "port=%d", port);
+    }
+    int sockfd = kNoSocket;
+    PortRow *row = findOrAddRow(port);
+    if (row == nullptr) {
+        traceJMSExitData(sockettraceJMSfile, kXASocket, kLimitFunction,
+                         "Reached maximum slots for listener port numbers ");
+    } else {
+        const int i = emptySlot(*row);
+        sockfd = i >= 0 ? connectInto(*row, i, port) : addSocket(*row, port);
+    }
+    unlockConnectionPool_jms();
+    return sockfd > 0 ? sockfd : kNoSocket;
+}
+
+}  // namespace xajms::pool
 
 extern "C" {
 

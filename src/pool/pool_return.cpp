@@ -152,7 +152,10 @@ int poolReturnAndRefresh_jms(int port, int returnSockfd) {
                                slot.sockfd);
         }
         slot = SocketSlot{0, 0};
-        row.available = wrapAdd(row.available, -1);
+        // A hardened caller refreshes a socket it still holds, which was never counted idle.
+        if (!xajms::pool::hardened()) {
+            row.available = wrapAdd(row.available, -1);
+        }
         if (i == row.rows - 1) {
             xajms::pool::lowerRows(row);
             traceDecremented(kRefresh, row);

@@ -44,7 +44,9 @@ int32_t wrapAdd(int32_t value, int32_t delta) {
 }
 
 void shutAndClose(int sockfd) {
-    if (sockfd == 0) {
+    // An emptied slot holds descriptor 0, which the pool does not own: it stays open (often
+    // the host's standard input), so that no socket can land on the pool's "no connection".
+    if (sockfd == 0 || (sockfd < 0 && hardened())) {
         return;
     }
     shutdown(sockfd, SHUT_RD);

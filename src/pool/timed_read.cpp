@@ -117,7 +117,8 @@ bool waitAndReceive(int sockfd, void *buffer, size_t wanted, const Wait &wait, i
 }
 
 // Ends a failed read: traces why, then closes every pooled socket of the process under the
-// pool lock, the sockets other callers hold included. Returns -99 after a time-out, else -1.
+// pool lock, the sockets other callers hold included; a hardened process leaves that to the
+// caller, which replaces its own socket only. Returns -99 after a time-out, else -1.
 int failedRead(int rc) {
     const int result = rc == kTimedOut ? kTimedOut : kReadFailed;
     if (result == kTimedOut) {
@@ -125,9 +126,11 @@ int failedRead(int rc) {
     } else {
         traceJMSData(sockettraceJMSfile, kXASocket, kRead, "Error while reading on socket");
     }
-    lockConnectionPool_jms();
-    poolClear_jms(xajms::pool::kAllPorts);
-    unlockConnectionPool_jms();
+    if (!xajms::pool::hardened()) {
+        lockConnectionPool_jms();
+        poolClear_jms(xajms::pool::kAllPorts);
+        unlockConnectionPool_jms();
+    }
     return result;
 }
 
@@ -171,7 +174,7 @@ int recvTimeout_jms(int sockfd, void *buffer, int len, int zeroHour) {
 
 // Reads exactly length bytes within timeout seconds, all receives sharing one deadline.
 // Returns length, -99 on a time-out, -1 on any other failure (length below 1 included);
-// after a failed read every pooled socket of the process is closed.
+// after a failed read every pooled socket of the process is closed (hardened: none).
 int readFromSocket_jms(int sockfd, unsigned char *buffer, int length, int timeout) {
     const int zeroHour = clampToInt(static_cast<long long>(time(nullptr)) + timeout);
     if (xajms::trace::on(sockettraceJMSfile)) {

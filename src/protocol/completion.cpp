@@ -47,6 +47,22 @@ int rollBackUnanswered(const XID *xid, int rmid, long flags) {
     return rc == kNoAnswer ? XAER_RMFAIL : rc;
 }
 
+// Hardened: a prepare that a listener voted to roll back may have left the others prepared,
+// and a coordinator does not roll back a branch whose prepare returned a rollback vote. So
+// every listener is sent the rollback: the vote is returned once each has rolled back or had
+// no branch, else XAER_RMFAIL, so that the coordinator rolls back or recovers the branch.
+int rollBackVoted(const XID *xid, int rmid, long flags, int vote) {
+    traceJMSData(sockettraceJMSfile, kXASocket, kPrepareName, "voted rollback - rolling back");
+    const int rc = callEGListeners_jms(xid, rmid, flags, xajms::protocol::kRollback);
+    if (rc == XA_OK || rc == XAER_NOTA || (rc >= XA_RBBASE && rc <= XA_RBEND)) {
+        traceJMSData(sockettraceJMSfile, kXASocket, kPrepareName, "successful rollback");
+        return vote;
+    }
+    xajms::trace::data(sockettraceJMSfile, kXASocket, kPrepareName, "rollback failed rcode = %d",
+                       rc);
+    return XAER_RMFAIL;
+}
+
 // Looks the start-up recovery port up. While the registry cannot be attached it asks again
 // at once, without sleeping and without counting: the close waits for the registry as long
 // as that takes, as required. A registry without the port is asked five times, a second
@@ -97,7 +113,8 @@ int sendXACommit_jms(const XID *xid, int rmid, long flags) {
 }
 
 // Returns the listeners' combined answer with XAER_RMERR as XAER_RMFAIL, or, when the
-// fan-out reports no answer at all, the outcome of rolling the transaction back.
+// fan-out reports no answer at all, the outcome of rolling the transaction back; hardened,
+// a rollback vote is returned only once every listener has rolled back (rollBackVoted).
 int sendXAPrepare_jms(const XID *xid, int rmid, long flags) {
     xajms::trace::entryData(sockettraceJMSfile, kXASocket, kPrepareName, "rmid = %d", rmid);
     traceJMSformattedXID(sockettraceJMSfile, kXASocket, kPrepareName, xid);
@@ -110,6 +127,9 @@ int sendXAPrepare_jms(const XID *xid, int rmid, long flags) {
                            "received JDBC Provider rcode %d", rc);
         if (rc == XAER_RMERR) {
             rc = XAER_RMFAIL;
+        }
+        if (rc >= XA_RBBASE && rc <= XA_RBEND && xajms::pool::hardened()) {
+            rc = rollBackVoted(xid, rmid, flags, rc);
         }
     } else {
         rc = rollBackUnanswered(xid, rmid, flags);
@@ -141,6 +161,7 @@ int sendXAClose_jms(const char *text, int rmid, long flags) {
             if (sent < 0) {
                 traceJMSExitData(sockettraceJMSfile, kXASocket, kCloseName,
                                  "ERROR writing on socket");
+                xajms::pool::abandon(sockfd);
                 return XAER_RMFAIL;
             }
             xajms::trace::data(sockettraceJMSfile, kXASocket, kCloseName, "wrote %d bytes",

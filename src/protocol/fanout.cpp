@@ -22,10 +22,13 @@ using xajms::trace::kXASocket;
 constexpr char kFanOut[] = "callEGListeners";
 constexpr char kReceive[] = "receiveXARC";
 
-// The fan-out's running state: the combined result and the last listener's code.
+// The fan-out's running state: the combined result and the last listener's code; for the
+// hardened fold, the request code and whether a listener's answer has been folded yet.
 struct FanOut {
     int result = XA_OK;
     int last = kNoAnswer;
+    int msgType = 0;
+    bool folded = false;
 };
 
 // Hands a line to the trace only while the socket trace is off, so that it never reaches a
@@ -90,6 +93,99 @@ void combine(FanOut &f, int answer) {
     }
 }
 
+// Hardened fold. A listener that was not reached, or whose answer never came, counts as
+// XAER_RMFAIL. The first answer that is neither XA_OK nor a no-work answer (XA_RDONLY, or
+// XAER_NOTA: the listener holds no branch of the XID) stands: a rollback vote or an error is
+// never overwritten. Otherwise XA_OK wins over no-work answers, so read-only is the result
+// only when every listener had no work; to a prepare, XAER_NOTA is a read-only vote.
+void foldHardened(FanOut &f, int answer) {
+    f.last = answer;
+    int code = answer == kNoAnswer ? XAER_RMFAIL : answer;
+    if (answer != kNoAnswer) {
+        xajms::trace::data(sockettraceJMSfile, kXASocket, kFanOut,
+                           " received JDBC Provider rcode %d", answer);
+    }
+    if (f.msgType == xajms::protocol::kPrepare && code == XAER_NOTA) {
+        code = XA_RDONLY;
+    }
+    auto decides = [](int c) { return c != XA_OK && c != XA_RDONLY && c != XAER_NOTA; };
+    if (!f.folded || (!decides(f.result) && (decides(code) || code == XA_OK))) {
+        f.result = code;
+    }
+    f.folded = true;
+}
+
+// Reads a completion answer as receiveXARC_jms does; readResult gets what the timed read
+// returned (-99 after a time-out, -1 when it failed or the connection was closed).
+int receiveAnswer(int sockfd, unsigned char *answer, int &readResult) {
+    xajms::trace::entryData(sockettraceJMSfile, kXASocket, kReceive, "sockfd = %d", sockfd);
+    std::memset(answer, 0, xajms::protocol::kAnswerSize);
+    int rc = kNoAnswer;
+    readResult = readFromSocket_jms(sockfd, answer, xajms::protocol::kAnswerSize,
+                                    xajms::protocol::kAnswerTimeout);
+    if (readResult > 0) {
+        xajms::trace::data(sockettraceJMSfile, kXASocket, kReceive, "read %d bytes", readResult);
+        rc = getInt_jms(answer);
+        xajms::trace::data(sockettraceJMSfile, kXASocket, kReceive,
+                           "Return code from XAHandler = %d", rc);
+    }
+    traceJMSExit(sockettraceJMSfile, kXASocket, kReceive);
+    return rc;
+}
+
+// How one hardened exchange ended.
+enum class Exchange { kAnswered, kUndelivered, kSilent };
+
+// Sends the request on the socket and reads the answer into code. kUndelivered: the request
+// could not be written, or the connection ended without an answer (its listener restarted or
+// reset it); kSilent: the listener kept the connection but did not answer in time.
+Exchange exchange(int port, int sockfd, const unsigned char *request, int msgSize, int &code) {
+    xajms::trace::data(sockettraceJMSfile, kXASocket, kFanOut, " obtained sockfd=%d for port=%d",
+                       sockfd, port);
+    const long sent = xajms::protocol::sendRequest(sockfd, request, msgSize);
+    if (sent < 0) {
+        traceJMSData(sockettraceJMSfile, kXASocket, kFanOut, ": <ERROR> failure writing on socket");
+        return Exchange::kUndelivered;
+    }
+    xajms::trace::data(sockettraceJMSfile, kXASocket, kFanOut, " wrote %d bytes",
+                       static_cast<int>(sent));
+    unsigned char answer[xajms::protocol::kAnswerSize];
+    int readResult = 0;
+    code = receiveAnswer(sockfd, answer, readResult);
+    if (code != kNoAnswer) {
+        return Exchange::kAnswered;
+    }
+    return readResult == kNoAnswer ? Exchange::kSilent : Exchange::kUndelivered;
+}
+
+// Hardened: asks the listener on one port. A request that was not delivered is sent once more
+// on a fresh connection; a socket whose exchange failed is replaced, and no other. A port
+// that no connection can reach is marked dead. Folds one answer, XAER_RMFAIL for none.
+void askHardened(int port, const unsigned char *request, int msgSize, FanOut &f) {
+    int sockfd = 0;
+    connectionSocketPool_jms(port, &sockfd, xajms::pool::kActionGet);
+    for (int attempt = 0;; ++attempt) {
+        if (sockfd < 1) {
+            markBrokerPortDead_jms(port);
+            foldHardened(f, kNoAnswer);
+            return;
+        }
+        int code = kNoAnswer;
+        const Exchange ended = exchange(port, sockfd, request, msgSize, code);
+        if (ended == Exchange::kAnswered) {
+            connectionSocketPool_jms(port, &sockfd, xajms::pool::kActionReturn);
+            foldHardened(f, code);
+            return;
+        }
+        connectionSocketPool_jms(port, &sockfd, xajms::pool::kActionRefresh);
+        if (ended == Exchange::kSilent || attempt == 1) {
+            foldHardened(f, kNoAnswer);
+            return;
+        }
+        sockfd = xajms::pool::getFresh(port);
+    }
+}
+
 // Asks the listener on one port. Returns false when the request could not be written: the
 // fan-out then ends and the socket stays with this caller.
 bool askListener(int port, const unsigned char *request, int msgSize, FanOut &f) {
@@ -106,6 +202,7 @@ bool askListener(int port, const unsigned char *request, int msgSize, FanOut &f)
     if (sent < 0) {
         traceJMSData(sockettraceJMSfile, kXASocket, kFanOut, ": <ERROR> failure writing on socket");
         f.last = kNoAnswer;
+        xajms::pool::abandon(sockfd);
         return false;
     }
     xajms::trace::data(sockettraceJMSfile, kXASocket, kFanOut, " wrote %d bytes",
@@ -129,26 +226,15 @@ extern "C" {
 // when nothing was read within 60 seconds (time-out, error or a closed connection). A null
 // buffer reads into the routine's own four bytes.
 int receiveXARC_jms(int sockfd, unsigned char *buffer) {
-    xajms::trace::entryData(sockettraceJMSfile, kXASocket, kReceive, "sockfd = %d", sockfd);
     unsigned char own[xajms::protocol::kAnswerSize];
-    unsigned char *answer = buffer != nullptr ? buffer : own;
-    std::memset(answer, 0, xajms::protocol::kAnswerSize);
-    int rc = kNoAnswer;
-    const int got = readFromSocket_jms(sockfd, answer, xajms::protocol::kAnswerSize,
-                                       xajms::protocol::kAnswerTimeout);
-    if (got > 0) {
-        xajms::trace::data(sockettraceJMSfile, kXASocket, kReceive, "read %d bytes", got);
-        rc = getInt_jms(answer);
-        xajms::trace::data(sockettraceJMSfile, kXASocket, kReceive,
-                           "Return code from XAHandler = %d", rc);
-    }
-    traceJMSExit(sockettraceJMSfile, kXASocket, kReceive);
-    return rc;
+    int readResult = 0;
+    return receiveAnswer(sockfd, buffer != nullptr ? buffer : own, readResult);
 }
 
 // Sends the request to every listener the registry lists and returns the combined XA code:
 // XAER_RMFAIL when no port can be found, XA_OK when no listener could be reached, else the
-// fold of the answers (see combine). A null xid sends the bare header.
+// fold of the answers (see combine). A null xid sends the bare header. A hardened process
+// asks every listener, whatever happened before, and folds by foldHardened.
 int callEGListeners_jms(const XID *xid, int rmid, long flags, int msgType) {
     using namespace xajms::protocol;
     xajms::trace::entryData(sockettraceJMSfile, kXASocket, kFanOut, "rmid = %d,msgtype=%d,", rmid,
@@ -163,6 +249,7 @@ int callEGListeners_jms(const XID *xid, int rmid, long flags, int msgType) {
     int ports[kPortList] = {};
     const int n = std::min(findPorts(ports), kPortList);
     FanOut f;
+    f.msgType = msgType;
     if (n == 0) {
         traceJMSData(sockettraceJMSfile, kXASocket, kFanOut,
                      "Broker port number not set in shared memory");
@@ -175,8 +262,11 @@ int callEGListeners_jms(const XID *xid, int rmid, long flags, int msgType) {
         xajms::trace::data(sockettraceJMSfile, kXASocket, kFanOut, " pBuffer = %s",
                            reinterpret_cast<const char *>(request + kHeaderSize));
     }
+    const bool hardened = xajms::pool::hardened();
     for (int i = 0; i < n; ++i) {
-        if (!askListener(ports[i], request, msgSize, f)) {
+        if (hardened) {
+            askHardened(ports[i], request, msgSize, f);
+        } else if (!askListener(ports[i], request, msgSize, f)) {
             break;
         }
     }

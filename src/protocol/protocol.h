@@ -49,4 +49,12 @@ long dataBytes(long gtridLength, long bqualLength);
 // non-negative lengths whose sum fits the 128-byte data area of an XID record.
 bool recordsFit(const unsigned char *data, long size, int count);
 
+// Hardened recovery: asks every broker and pending listener, else the start-up recovery
+// listener, for its in-doubt XIDs, and stores into xids the distinct XIDs of their lists in
+// the order of the XIDs (format identifier, lengths, data), from position skip on, at most
+// count of them. Returns the number
+// stored (0 without listeners), or XAER_RMFAIL when the registry cannot be attached or a
+// listener could not be asked or its reply not read.
+int collectXids(XID *xids, long count, long skip, int rmid, long flags);
+
 }  // namespace xajms::protocol

@@ -6,10 +6,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <span>
+#include <utility>
 
 #include "pool/pool.h"
 #include "trace/trace.h"
@@ -62,8 +65,12 @@ bool readHead(int sockfd, unsigned char *buffer, ReplyHead &head) {
 }
 
 // A reply that cannot be taken is a failed read: as after any failed read, every pooled
-// socket of the process is closed, since the connection may still carry unread bytes.
+// socket of the process is closed, since the connection may still carry unread bytes. A
+// hardened caller replaces its own socket instead.
 void dropPool() {
+    if (xajms::pool::hardened()) {
+        return;
+    }
     lockConnectionPool_jms();
     poolClear_jms(xajms::pool::kAllPorts);
     unlockConnectionPool_jms();
@@ -206,6 +213,7 @@ bool askStartUpListener(int port, int rmid, long flags, XID *xids, long count, R
         unsigned char request[xajms::protocol::kRequestBuffer];
         buildRecoverRequest(request, rmid, flags);
         if (xajms::protocol::sendRequest(r.sockfd, request, xajms::protocol::kHeaderSize) < 0) {
+            xajms::pool::abandon(r.sockfd);
             return false;
         }
         unsigned char reply[xajms::protocol::kRecoverBuffer];
@@ -226,7 +234,140 @@ bool askStartUpListener(int port, int rmid, long flags, XID *xids, long count, R
     return true;
 }
 
+// Hardened recovery: the XIDs of each listener's reply, kept until every listener is heard.
+struct Reply {
+    XID *xids = nullptr;
+    int count = 0;
+};
+
+// Orders XIDs by format identifier, lengths, then data bytes: the order of a recovery scan,
+// the same on every call whatever order the listeners report in.
+int compareXids(const XID &a, const XID &b) {
+    const std::array<std::pair<long, long>, 3> heads = {{{a.formatID, b.formatID},
+                                                         {a.gtrid_length, b.gtrid_length},
+                                                         {a.bqual_length, b.bqual_length}}};
+    for (const auto &[x, y] : heads) {
+        if (x != y) {
+            return x < y ? -1 : 1;
+        }
+    }
+    const long bytes = xajms::protocol::dataBytes(a.gtrid_length, a.bqual_length);
+    return std::memcmp(a.data, b.data, static_cast<size_t>(bytes));
+}
+
+// Stores the distinct XIDs of the replies in scan order, from position skip on, at most
+// count of them: each reply is sorted in place, then the replies are merged, an XID reported
+// by several listeners (or twice by one) taken once. Returns the number stored. The work
+// grows with the XIDs handed out and the number of listeners, never with their square.
+int storeDistinct(std::span<Reply> replies, XID *xids, long count, long skip) {
+    auto less = [](const XID &a, const XID &b) { return compareXids(a, b) < 0; };
+    for (Reply &reply : replies) {
+        std::sort(reply.xids, reply.xids + reply.count, less);
+    }
+    std::array<int, xajms::protocol::kPortList> next{};
+    long position = 0;
+    int stored = 0;
+    while (stored < count) {
+        const XID *least = nullptr;
+        for (size_t r = 0; r < replies.size(); ++r) {
+            const int i = next[r];
+            if (i < replies[r].count && (least == nullptr || less(replies[r].xids[i], *least))) {
+                least = &replies[r].xids[i];
+            }
+        }
+        if (least == nullptr) {
+            break;
+        }
+        const XID chosen = *least;
+        for (size_t r = 0; r < replies.size(); ++r) {
+            while (next[r] < replies[r].count &&
+                   compareXids(replies[r].xids[next[r]], chosen) == 0) {
+                next[r] += 1;
+            }
+        }
+        if (position >= skip) {
+            xids[stored++] = chosen;
+        }
+        position += 1;
+    }
+    return stored;
+}
+
+// Asks one listener for its XIDs, once more on a fresh connection when the request could not
+// be written or the reply not read; a socket whose exchange failed is replaced, and a port no
+// connection reaches is marked dead. Returns XA_OK with the reply, else XAER_RMFAIL.
+int askOnce(int port, const unsigned char *request, Reply &reply) {
+    xajms::trace::data(sockettraceJMSfile, kXASocket, kBroker, "sending on port  = %d", port);
+    int sockfd = 0;
+    connectionSocketPool_jms(port, &sockfd, xajms::pool::kActionGet);
+    for (int attempt = 0; sockfd > 0; ++attempt) {
+        int rc = XAER_RMFAIL;
+        if (xajms::protocol::sendRequest(sockfd, request, xajms::protocol::kHeaderSize) < 0) {
+            traceJMSData(sockettraceJMSfile, kXASocket, kBroker,
+                         " <ERROR> failure writing on socket");
+        } else {
+            unsigned char fields[xajms::protocol::kRecoverBuffer];
+            reply.xids = receiveRecoverMsg_jms(sockfd, &reply.count, fields, &rc);
+            xajms::trace::data(sockettraceJMSfile, kXASocket, kBroker,
+                               "received recovery message rc = %d count = %d", rc, reply.count);
+        }
+        if (rc == XA_OK) {
+            connectionSocketPool_jms(port, &sockfd, xajms::pool::kActionReturn);
+            return XA_OK;
+        }
+        connectionSocketPool_jms(port, &sockfd, xajms::pool::kActionRefresh);
+        if (attempt == 1) {
+            return XAER_RMFAIL;
+        }
+        sockfd = xajms::pool::getFresh(port);
+    }
+    markBrokerPortDead_jms(port);
+    return XAER_RMFAIL;
+}
+
+// The listeners a hardened recover asks: every broker and pending listener, else the start-up
+// recovery listener. Returns how many ports were stored, or -1 without a registry.
+int hardenedRecoverPorts(int *ports) {
+    void *mapping = GetSharedMemory_jms();
+    if (mapping == nullptr) {
+        return -1;
+    }
+    int n = GetBrokerPorts_jms(mapping, ports);
+    if (n == 0) {
+        ports[0] = GetStartUpRecoveryPort_jms(mapping);
+        n = ports[0] > 0 ? 1 : 0;
+    }
+    xajms::trace::data(sockettraceJMSfile, kXASocket, kBroker, "Number of ports = %d", n);
+    return n;
+}
+
 }  // namespace
+
+namespace xajms::protocol {
+
+int collectXids(XID *xids, long count, long skip, int rmid, long flags) {
+    xajms::trace::copyFromEnvironment(sockettraceJMSfile);
+    xajms::trace::entryData(sockettraceJMSfile, kXASocket, kBroker, " rmid=%d", rmid);
+    int ports[kPortList] = {};
+    const int n = std::min(hardenedRecoverPorts(ports), kPortList);
+    int rc = n < 0 ? XAER_RMFAIL : XA_OK;
+    std::array<Reply, kPortList> replies{};
+    unsigned char request[kRequestBuffer];
+    buildRecoverRequest(request, rmid, flags);
+    for (int i = 0; i < n && rc == XA_OK; ++i) {
+        rc = askOnce(ports[i], request, replies[static_cast<size_t>(i)]);
+    }
+    if (rc == XA_OK && n > 0) {
+        rc = storeDistinct(std::span(replies).first(static_cast<size_t>(n)), xids, count, skip);
+    }
+    for (Reply &reply : replies) {
+        std::free(reply.xids);
+    }
+    xajms::trace::exitData(sockettraceJMSfile, kXASocket, kBroker, "rcode = %d", rc);
+    return rc;
+}
+
+}  // namespace xajms::protocol
 
 extern "C" {
 
@@ -311,7 +452,10 @@ int sendStartUpXARecover_jms(XID *xids, long count, int rmid, long flags) {
         return XAER_RMFAIL;
     }
     if (r.sockfd > 0) {
-        connectionSocketPool_jms(port, &r.sockfd, xajms::pool::kActionReturn);
+        // Hardened, a socket whose reply failed is replaced rather than pooled again.
+        const bool failed = xajms::pool::hardened() && r.rc < 0;
+        connectionSocketPool_jms(port, &r.sockfd,
+                                 failed ? xajms::pool::kActionRefresh : xajms::pool::kActionReturn);
     }
     if (r.rc == kNoAnswer || r.rc == XAER_RMERR) {
         r.rc = XAER_RMFAIL;

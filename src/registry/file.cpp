@@ -143,3 +143,24 @@ int ClearSharedMemory_jms(void) {
 }
 
 }  // extern "C"
+
+namespace xajms::registry {
+
+void detach() {
+    // shared_memory_loc stays null until an open succeeded; a failed mapping leaves
+    // MAP_FAILED there with the descriptor still open, a refused one leaves -1 as descriptor.
+    if (shared_memory_loc == nullptr) {
+        return;
+    }
+    if (shared_memory_loc != MAP_FAILED) {
+        munmap(shared_memory_loc, kFileSize);
+    }
+    if (hMapFile_jms >= 0) {
+        close(hMapFile_jms);
+    }
+    hMapFile_jms = 0;
+    shared_memory_loc = nullptr;
+    shared_stuff = nullptr;
+}
+
+}  // namespace xajms::registry

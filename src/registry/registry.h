@@ -90,4 +90,8 @@ inline int rowsExclusive(std::int32_t rowCount) {
     return rowCount < kRows ? rowCount : kRows;
 }
 
+// Gives back the mapping and the descriptor that an attach took, successful or not, and
+// leaves the three variables as before the first attach. Only the library's unload calls it.
+void detach();
+
 }  // namespace xajms::registry

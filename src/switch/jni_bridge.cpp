@@ -68,12 +68,15 @@ void copyOpenString(const RmidOpenstrEntry &entry, char (&out)[sizeof entry.open
 extern "C" {
 
 // Fetches the table of Java entry points from "libPellux.so", which the broker process has
-// loaded already; the handle taken here is released again at once. When the library cannot
-// be loaded the table is left null, so that the entries report Java as unavailable.
+// loaded already; the handle taken here is released again at once. The load asks the loader
+// never to unmap the companion: where the library was found on the loader's path and nobody
+// else held it, releasing the handle would otherwise unload the code the table points into,
+// and the next start or end would jump into freed memory. When the library cannot be loaded
+// the table is left null, so that the entries report Java as unavailable.
 void GetJNISwitch_jms(void) {
     xajms::trace::copyFromEnvironment(jmstracefile);
     traceJMSEntry(jmstracefile, kVarnelink, "GetJniSwitch_jms");
-    void *library = dlopen("libPellux.so", RTLD_NOW | RTLD_GLOBAL);
+    void *library = dlopen("libPellux.so", RTLD_NOW | RTLD_GLOBAL | RTLD_NODELETE);
     if (library == nullptr) {
         traceJMSData(jmstracefile, kVarnelink, "GetJniSwitch_jms", " JMS JNI LoadLibrary failed");
         pJNI_Switch = nullptr;

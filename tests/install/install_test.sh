@@ -34,9 +34,14 @@ libdir=$(pkg-config --variable=libdir xajms)
 readelf -d "$libdir/libxajms.so.1" | grep 'SONAME.*\[libxajms\.so\.1\]' >/dev/null ||
     fail "bad SONAME"
 for f in include/xajms/xa.h include/xajms/xajms.h bin/xajms-drive bin/xajms-registry \
-    bin/xajms-listener; do
+    bin/xajms-listener bin/xajms-sandbox bin/xajms-trace; do
     [ -e "$prefix/$f" ] || fail "$f not installed"
 done
+# The execution group, when this build has it (libpq installed).
+if [ -e "$build/eg/libPellux.so" ]; then
+    [ -f "$libdir/libPellux.so" ] && [ -f "$prefix/include/xajms/eg.h" ] ||
+        fail "the execution group's library or header not installed"
+fi
 find "$prefix" -name xajmsConfigVersion.cmake | grep . >/dev/null || fail "no package version file"
 
 if ! nm -D --defined-only "$libdir/libxajms.so.1" | grep -w OrloStart >/dev/null; then
@@ -46,6 +51,11 @@ fi
 
 # The installed tools find the installed library by themselves.
 "$prefix/bin/xajms-registry" --help >/dev/null || fail "installed xajms-registry does not run"
+# The sandbox puts the installed tools first on PATH (where a sandbox can be made at all).
+if "$prefix/bin/xajms-sandbox" true 2>/dev/null; then
+    [ "$("$prefix/bin/xajms-sandbox" sh -c 'command -v xajms-drive')" = "$prefix/bin/xajms-drive" ] ||
+        fail "installed xajms-sandbox does not put the installed tools on PATH"
+fi
 "$prefix/bin/xajms-drive" --expect complete=XAER_RMFAIL open complete close >"$work/drive.out" ||
     fail "installed xajms-drive cannot drive the installed library: $(cat "$work/drive.out")"
 

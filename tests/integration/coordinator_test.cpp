@@ -71,7 +71,7 @@ TEST_F(Coordinator, ListenerAnswersReachTheCoordinatorAndLeaveNoSlotInUse) {
 
 TEST_F(Coordinator, RecoverReportsNothingAndAsksOnlyLiveBrokers) {
     XID found[8] = {};
-    ListenerProcess &recovery = listen({"--mode", "recovery", "--xid", "7:61:62"});
+    ListenerProcess &recovery = listen({"--mode", "recovery", "--xid", "7:a:b"});
     EXPECT_EQ(sw->xa_recover_entry(found, 8, 1, TMSTARTRSCAN | TMENDRSCAN), 0);
     // Only the start-up recovery and its close (numbered #1 and #2) reach the recovery listener.
     EXPECT_EQ(sendStartUpXARecover_jms(found, 8, 1, 0), 1);
@@ -82,7 +82,7 @@ TEST_F(Coordinator, RecoverReportsNothingAndAsksOnlyLiveBrokers) {
     EXPECT_EQ(recovery.waitForExit(), 0);
 
     // A broker's records go to the start of the caller's array, over the earlier ones.
-    ListenerProcess &broker = listen({"--mode", "broker", "--xid", "3:61:62", "--xid", "4:61:62"});
+    ListenerProcess &broker = listen({"--mode", "broker", "--xid", "3:a:b", "--xid", "4:a:b"});
     EXPECT_EQ(sw->xa_recover_entry(found, 8, 1, TMSTARTRSCAN | TMENDRSCAN), 0);
     EXPECT_EQ(std::pair(found[0].formatID, found[1].formatID), std::pair(3L, 4L));
     EXPECT_EQ(broker.nextLine(), "#1 recover rmid=1 flags=0x0000000001800000 -> xids=2");
@@ -144,8 +144,8 @@ TEST_F(Coordinator, DrivePrintsOneLinePerCallAndExitsOneOnAnUnexpectedCode) {
     std::ifstream golden(std::string(XAJMS_TEST_DATA) + "/golden/drive_calls.txt");
     // Expected codes by name, by number and in any case; a later --expect for a verb wins.
     // clang-format off
-    const Args calls = {"--rmid=3", "--xid=-1:gtrid01:bq:ual", "--count=5", "--expect=commit=-7",
-        "--expect=prepare=XA_RDONLY", "--expect=start=-7", "--expect=start=xaer_rmerr",
+    const Args calls = {"--rmid=3", "--xid=-1:gtrid01:0x62713a75616c", "--count=5",
+        "--expect=commit=-7", "--expect=prepare=XA_RDONLY", "--expect=start=-7", "--expect=start=xaer_rmerr",
         "--expect=complete=XAER_RMFAIL", "open=a b'c", "start=TMJOIN", "end", "prepare",
         "commit=tmonephase+TMNOWAIT", "recover=0x1000000", "forget", "complete", "close"};
     // clang-format on
@@ -162,11 +162,42 @@ TEST_F(Coordinator, DrivePrintsOneLinePerCallAndExitsOneOnAnUnexpectedCode) {
         EXPECT_EQ(std::regex_replace(run.out, std::regex(" [0-9.]+ ms| seconds=[0-9.]+"), " T"),
                   "OrloStart -> switch 'KEL_VARNELINK' flags=TMNOMIGRATE version=0 T\n" + out);
     }
-    const std::string first = " xid=-0x1:67747269643031:62713a75616c -> ";  // as given
+    const std::string first = " xid=-1:gtrid01:0x62713a75616c -> ";  // as xajms-drive prints it
     EXPECT_EQ(listener.nextLine(), "#1 prepare rmid=3 flags=0x0000000000000000" + first + "3");
     EXPECT_EQ(listener.nextLine(), "#2 commit rmid=3 flags=0x0000000050000000" + first + "-7");
     EXPECT_EQ(listener.nextLine(), "#3 recover rmid=3 flags=0x0000000001000000 -> xids=0");
     EXPECT_EQ(listener.nextLine(), "#4 forget rmid=3 flags=0x0000000000000000" + first + "0");
+}
+
+// A transaction manager that loads the switch per client: a thousand load, open, prepare,
+// commit, (close,) unload cycles leave the process no descriptor and no mapping, whether the
+// last close emptied the pool or the unload has to.
+TEST_F(Coordinator, UnloadingTheLibraryGivesBackWhatItHeld) {
+    listen({"--mode", "broker", "--quiet"});
+    for (const Args &verbs :
+         {Args{"open=qm", "prepare", "commit", "close"}, Args{"open=qm", "prepare", "commit"}}) {
+        Args args = {"--reload", "--repeat", "1000", "--xid", "1:g:b"};
+        args.insert(args.end(), verbs.begin(), verbs.end());
+        const ToolRun run = runTool(drivePath(), args);
+        EXPECT_EQ(run.status, 0) << run.err;
+        const std::string last = run.out.substr(run.out.rfind('\n', run.out.size() - 2) + 1);
+        // The sanitizers' allocator may give mappings back; none may be gained.
+        EXPECT_TRUE(std::regex_match(
+            last, std::regex("unloaded 1000 times: descriptors \\+0, mappings (\\+0|-[0-9]+) "
+                             "after the first unload\n")))
+            << last;
+    }
+}
+
+// A queue-manager process given the companion only through the loader's path: start and
+// end reach it and the process lives on (the companion stays loaded after the fetch).
+TEST_F(Coordinator, DriveReachesACompanionFoundOnlyOnTheLoaderPath) {
+    const std::string companion = XAJMS_PELLUX_PATH;
+    setenv("LD_LIBRARY_PATH", companion.substr(0, companion.rfind('/')).c_str(), 1);
+    const ToolRun run =
+        runTool(drivePath(), {"--xid", "1:g:b", "open=qm", "start", "end", "close"});
+    unsetenv("LD_LIBRARY_PATH");
+    EXPECT_EQ(run.status, 0) << run.out << run.err;
 }
 
 }  // namespace

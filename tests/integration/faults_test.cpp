@@ -13,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -69,7 +71,7 @@ std::string compare(const char *what, const Codes &got, const Codes &want) {
 
 // What a listener does with the first request it reads: the bytes it writes back, then
 // whether it ends the connection, with a reset when asked; whether the library's wait for
-// them ends first (the fake poll times out). Every later request gets 0.
+// them ends first (the fake poll times out). Every later request gets 0, on any connection.
 struct Fault {
     std::string_view answer;
     bool ends = false;
@@ -87,12 +89,14 @@ class Listener {
         thread_.join();
     }
     int port() const { return socket_.port(); }
+    int heard() const { return heard_; }    // requests read
+    int closed() const { return closed_; }  // connections ended
 
   private:
     void serve(Fault fault) {
         for (int conn; (conn = accept(socket_.fd(), nullptr, nullptr)) >= 0; fault = kAnswers) {
             unsigned char request[512];
-            while (read(conn, request, sizeof request) > 0 &&
+            while (read(conn, request, sizeof request) > 0 && ++heard_ > 0 &&
                    write(conn, fault.answer.data(), fault.answer.size()) >= 0 && !fault.ends) {
                 fault = kAnswers;
             }
@@ -101,9 +105,11 @@ class Listener {
                 setsockopt(conn, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
             }
             close(conn);
+            closed_ += 1;
         }
     }
     LoopbackPort socket_;
+    std::atomic<int> heard_{0}, closed_{0};
     std::thread thread_;
 };
 
@@ -114,7 +120,8 @@ void mountReadOnly(const char *path) {
 
 // One broker row for a listener with the fault (or for a port that refuses connections), the
 // file then damaged; two commits, whose codes, the seconds slept between retries and the
-// descriptors left open once the listener is gone are compared with those wanted.
+// descriptors left open once the listener is gone are compared with those wanted; where
+// given, for each mode, the codes of a hardened process and the requests the listener read.
 const std::function<void()> kIntact = [] {};
 struct Case {
     const char *name;
@@ -124,9 +131,15 @@ struct Case {
     std::function<void()> damage = kIntact;
     Fault fault = kAnswers;
     bool refuses = false;
+    Codes hardened = {};                  // as codes when empty
+    std::array<int, 2> heard = {-1, -1};  // exact, hardened; -1: not compared
 };
 
-std::string commitTwice(const Case &c) {
+// Runs the case in a process of the mode: the first start function called fixes it.
+std::string commitTwice(const Case &c, bool hardened) {
+    if ((hardened ? OrloStartSafe() : OrloStart()) == nullptr) {
+        return "start function refused";
+    }
     const int before = openDescriptors();
     const int sleeps = sleepCalls();
     int waits = 0;
@@ -134,24 +147,37 @@ std::string commitTwice(const Case &c) {
         return c.fault.late && waits++ == 0 ? 0 : realPoll(fds, n, timeout);
     });
     Codes got;
+    int heard = 0;
     {
         Listener listener(c.fault);
         LoopbackPort refusing(false);
         writeRegistry({{registry::kModeBroker, c.refuses ? refusing.port() : listener.port()}});
         c.damage();
-        got = {xa_commit_entry_jms(&xid, 1, TMNOFLAGS), xa_commit_entry_jms(&xid, 1, TMNOFLAGS)};
+        got = {xa_commit_entry_jms(&xid, 1, TMNOFLAGS)};
+        while (c.fault.ends && listener.closed() == 0) {  // the second commit finds it ended
+            std::this_thread::yield();
+        }
+        got.push_back(xa_commit_entry_jms(&xid, 1, TMNOFLAGS));
+        heard = listener.heard();
         poolClear_jms(-1);
     }
     occupyDescriptorZero();
-    return compare("codes", got, c.codes) + compare("sleeps", {sleepCalls() - sleeps}, {c.sleeps}) +
-           compare("descriptors left", {openDescriptors() - before}, {c.keptOpen});
+    const int wantHeard = c.heard[hardened ? 1 : 0];
+    return compare("codes", got, hardened && !c.hardened.empty() ? c.hardened : c.codes) +
+           compare("sleeps", {sleepCalls() - sleeps}, {c.sleeps}) +
+           compare("descriptors left", {openDescriptors() - before}, {c.keptOpen}) +
+           compare("requests heard", {wantHeard < 0 ? -1 : heard}, {wantHeard});
 }
 
-// Each case in a child process of its own.
-void commitTwiceEach(std::span<const Case> cases) {
+// Each case in a child process of its own, exact; with bothModes, hardened as well.
+void commitTwiceEach(std::span<const Case> cases, bool bothModes = false) {
     for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(inChild([&] { return commitTwice(c); }), "");
+        for (const bool hardened : {false, true}) {
+            SCOPED_TRACE(std::string(c.name) + (hardened ? ", hardened" : ", exact"));
+            if (!hardened || bothModes) {
+                EXPECT_EQ(inChild([&] { return commitTwice(c, hardened); }), "");
+            }
+        }
     }
 }
 
@@ -168,20 +194,40 @@ class Faults : public ::testing::Test {
 // A commit reaches one broker listener that misbehaves on its first request; the second
 // commit finds it well again on a fresh connection. A refused connect leaves its descriptor
 // open each of the three times the pool's get tries, a second apart; the port is then marked
-// dead, so the second commit finds no listener in the fan-out's three looks.
-TEST_F(Faults, ListenerFaultsGiveTheirCodesAndTheNextCommitAFreshConnection) {
-    const Codes failsOnce = {XAER_RMFAIL, XA_OK};
+// dead, so the second commit finds no listener in the fan-out's three looks. Hardened, a
+// request whose connection ended without an answer is sent again on a fresh connection, a
+// listener that was not reached is XAER_RMFAIL, and no commit is XA_OK unheard; exact, a
+// commit written to a connection the listener has reset is XA_OK though nobody read it.
+TEST_F(Faults, ListenerFaultsGiveTheCodesOfEachMode) {
+    const Codes failsOnce = {XAER_RMFAIL, XA_OK}, ok = {XA_OK, XA_OK};
     const int garbage = static_cast<int>(0xdeadbeefu);
     const Case cases[] = {
-        {"answers", {XA_OK, XA_OK}, 1, 0},
-        {"dies before answering", failsOnce, 1, 0, kIntact, {"", true}},
+        {"answers", ok, 1, 0, kIntact, kAnswers, false, {}, {2, 2}},
+        {"dies before answering", failsOnce, 1, 0, kIntact, {"", true}, false, ok, {2, 3}},
         {"answers late", failsOnce, 1, 0, kIntact, {{"\0\0\0d", 4}, false, false, true}},
         {"answers garbage", {garbage, XA_OK}, 1, 0, kIntact, {"\xde\xad\xbe\xef"}},
-        {"answers half and closes", failsOnce, 1, 0, kIntact, {{"\0\0", 2}, true}},
-        {"resets the connection", failsOnce, 1, 0, kIntact, {"", true, true}},
-        {"refuses connections", {XA_OK, XAER_RMFAIL}, 4, 6, kIntact, kAnswers, true},
+        {"answers half and closes", failsOnce, 1, 0, kIntact, {{"\0\0", 2}, true}, false, ok},
+        {"resets the connection", failsOnce, 1, 0, kIntact, {"", true, true}, false, ok, {2, 3}},
+        {"answers, then resets",
+         ok,
+         1,
+         0,
+         kIntact,
+         {{"\0\0\0\0", 4}, true, true},
+         false,
+         {},
+         {1, 2}},
+        {"refuses connections",
+         {XA_OK, XAER_RMFAIL},
+         4,
+         6,
+         kIntact,
+         kAnswers,
+         true,
+         {XAER_RMFAIL, XAER_RMFAIL},
+         {0, 0}},
     };
-    commitTwiceEach(cases);
+    commitTwiceEach(cases, true);
 }
 
 // Whatever the registry file is, a commit returns a code; when the file lists no reachable
@@ -226,7 +272,7 @@ TEST_F(Faults, EachAllocationFailingInTurnLeavesDefinedCodes) {
     if (listenerPath().empty()) {
         GTEST_SKIP() << "xajms-listener is not part of this build";
     }
-    ListenerProcess broker({"--mode", "broker", "--quiet", "--xid", "5:61:62", "--xid", "6:63:64"});
+    ListenerProcess broker({"--mode", "broker", "--quiet", "--xid", "5:a:b", "--xid", "6:c:d"});
     ASSERT_TRUE(broker.started());
     std::string report;
     int nth = 1;

@@ -22,6 +22,9 @@ inline std::string drivePath() {
 inline std::string registryToolPath() {
     return XAJMS_REGISTRY_PATH;
 }
+inline std::string traceToolPath() {
+    return XAJMS_TRACE_PATH;
+}
 
 struct ToolRun {
     int status = -1;  // exit status, 128 + signal, or -1 when it did not end within 20 s

@@ -184,6 +184,20 @@ TEST_F(Pool, ASocketHeldThroughAClearIsClosedWhenItsHolderIsDone) {
     std::for_each(below.begin(), below.end(), close);
 }
 
+// Hardened: a clear closes only idle sockets and leaves descriptor 0 open; a refresh keeps the
+// idle count, since its holder never counted the socket idle.
+TEST_F(Pool, HardenedClearAndRefreshLeaveWhatOthersHold) {
+    ASSERT_NE(OrloStartSafe(), nullptr);
+    const Slots a = fillRow(0, 4000, 3, 1, 0x1, 0x4);  // in use, idle, emptied
+    poolClear_jms(-1);
+    EXPECT_EQ(rowOf(0), want(4000, 3, 1, {a[0]}));
+    EXPECT_TRUE(isOpen(a[0].first) && isOpen(0));
+    EXPECT_FALSE(isOpen(a[1].first));
+    EXPECT_EQ(poolReturnAndRefresh_jms(4000, a[0].first), -1);
+    EXPECT_EQ(rowOf(0), want(4000, 3, 1, {}));
+    EXPECT_FALSE(isOpen(a[0].first));
+}
+
 // A refresh empties the slot, and a top one takes rows down past the empty slots below. A
 // second return raises available again; a second refresh finds no slot.
 TEST_F(Pool, RefreshEmptiesTheSlotAndADescriptorHandedBackTwiceOnlyDrifts) {

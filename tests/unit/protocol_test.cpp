@@ -79,6 +79,20 @@ class Protocol : public ::testing::Test {
     void TearDown() override { clearScripts(); }
 };
 
+// A process of each mode, exact and hardened: the first start function called fixes it.
+class Modes : public Protocol, public ::testing::WithParamInterface<bool> {
+  protected:
+    void SetUp() override {
+        Protocol::SetUp();
+        if (!IsSkipped()) {
+            ASSERT_NE(hardened() ? OrloStartSafe() : OrloStart(), nullptr);
+        }
+    }
+    bool hardened() const { return GetParam(); }
+};
+INSTANTIATE_TEST_SUITE_P(, Modes, ::testing::Bool(),
+                         [](const auto &p) { return p.param ? "Hardened" : "Exact"; });
+
 TEST(Codec, FlatteningKeepsWithinTheDataAreaWhateverTheLengthsSay) {
     const std::tuple<long, long, int> cases[] = {
         {64, 64, 152}, {200, 3, 152}, {-5, 2, 24}, {-5, 10, 29}, {0x7fffffffffffffffL, 9, 152}};
@@ -133,21 +147,30 @@ TEST_F(Protocol, CloseWaitsForTheRegistryWithoutSleeping) {
     EXPECT_EQ(received(peer), header(20, 0x2005, 7, 0));
 }
 
-TEST_F(Protocol, SendersMapTheFanOutResult) {
+// Hardened, a prepare voted rollback rolls every listener back before the vote is returned.
+TEST_P(Modes, SendersMapTheFanOutResult) {
     using Sender = int (*)(const XID *, int, long);
-    // sender, what the fan-out returns call by call, the result, the request codes sent
-    const std::tuple<Sender, std::vector<int>, int, std::vector<int>> cases[] = {
-        {sendXAPrepare_jms, {3}, 3, {0x2002}},
-        {sendXAPrepare_jms, {-3}, -7, {0x2002}},
-        {sendXAPrepare_jms, {-4}, -4, {0x2002}},
-        {sendXAPrepare_jms, {-99, 0}, 106, {0x2002, 0x2004}},  // no answer: rolled back
-        {sendXAPrepare_jms, {-99, -99}, -7, {0x2002, 0x2004}},
-        {sendXAPrepare_jms, {-99, -3}, -3, {0x2002, 0x2004}},
-        {sendXACommit_jms, {-4}, -4, {0x2003}},
-        {sendXARollback_jms, {-3}, -7, {0x2004}},
-        {sendXAForget_jms, {-99}, -7, {0x2008}},
+    enum { kExact = 1, kHardened = 2, kBoth = 3 };
+    // sender, what the fan-out returns call by call, the result, the request codes sent, modes
+    const std::tuple<Sender, std::vector<int>, int, std::vector<int>, int> cases[] = {
+        {sendXAPrepare_jms, {3}, 3, {0x2002}, kBoth},
+        {sendXAPrepare_jms, {-3}, -7, {0x2002}, kBoth},
+        {sendXAPrepare_jms, {-4}, -4, {0x2002}, kBoth},
+        {sendXAPrepare_jms, {-99, 0}, 106, {0x2002, 0x2004}, kBoth},  // no answer: rolled back
+        {sendXAPrepare_jms, {-99, -99}, -7, {0x2002, 0x2004}, kBoth},
+        {sendXAPrepare_jms, {-99, -3}, -3, {0x2002, 0x2004}, kBoth},
+        {sendXAPrepare_jms, {101}, 101, {0x2002}, kExact},
+        {sendXAPrepare_jms, {101, -4}, 101, {0x2002, 0x2004}, kHardened},
+        {sendXAPrepare_jms, {101, -7}, -7, {0x2002, 0x2004}, kHardened},
+        {sendXACommit_jms, {-4}, -4, {0x2003}, kBoth},
+        {sendXACommit_jms, {100}, 100, {0x2003}, kBoth},
+        {sendXARollback_jms, {-3}, -7, {0x2004}, kBoth},
+        {sendXAForget_jms, {-99}, -7, {0x2008}, kBoth},
     };
-    for (const auto &[sender, results, expected, types] : cases) {
+    for (const auto &[sender, results, expected, types, modes] : cases) {
+        if ((modes & (hardened() ? kHardened : kExact)) == 0) {
+            continue;
+        }
         fanOutResults = results;
         fanOutTypes.clear();
         EXPECT_EQ(sender(&kXid, 1, 0), expected) << testing::PrintToString(results);
@@ -156,24 +179,34 @@ TEST_F(Protocol, SendersMapTheFanOutResult) {
     }
 }
 
-// Listeners of the fan-out cases besides a bare answer.
-constexpr int kNone = 1000;       // a port that refuses connections
+// Listeners of the fan-out cases besides a bare answer. Each listens on a port that refuses
+// new connections, so that a hardened retry reaches nobody there.
+constexpr int kNone = 1000;       // no pooled socket: the port refuses connections
 constexpr int kCloses = 1001;     // closes the connection instead of answering
 constexpr int kSendFails = 1002;  // the pooled socket to it can no longer be written
-constexpr int kNotAsked = 1003;   // after a failed write: must never be contacted
+constexpr int kNotAsked = 1003;   // exact, after a failed write: must never be contacted
 
-TEST_F(Protocol, FanOutCombinesTheAnswersInListOrder) {
-    const std::pair<std::vector<int>, int> cases[] = {
-        {{3, 0}, 0},         {{0, 3}, 3},       {{-4, 0}, 0},
-        {{0, -4}, -4},       {{-4, -6}, -6},    {{-6, -4}, -6},
-        {{-8, kCloses}, -7}, {{kNone, -4}, -4}, {{-5, kSendFails, kNotAsked}, -5}};
-    const LoopbackPort refusing(false);
-    for (const auto &[answers, result] : cases) {
+// Exact: a later non-negative answer overwrites, a negative one only lowers the result, a
+// listener not reached leaves it, a failed write ends the fan-out, a failed read closes every
+// pooled socket, later listeners' included. Hardened: the first
+// rollback vote or error stands, XA_OK beats read-only and XAER_NOTA (read-only to a
+// prepare), and an undelivered request is sent again on a fresh connection, else XAER_RMFAIL.
+TEST_P(Modes, FanOutCombinesTheAnswersInListOrder) {
+    // the answers to a prepare, the result of each mode
+    const std::tuple<std::vector<int>, int, int> cases[] = {
+        {{3, 0}, 0, 0},         {{0, 3}, 3, 0},        {{-4, 0}, 0, 0},
+        {{0, -4}, -4, 0},       {{-4, -4}, -4, 3},     {{-4, 3}, 3, 3},
+        {{-4, -6}, -6, -6},     {{-6, -4}, -6, -6},    {{100, 0}, 0, 100},
+        {{0, 101}, 101, 101},   {{101, -6}, -6, 101},  {{-8, kCloses}, -7, -8},
+        {{kCloses, 0}, -7, -7}, {{kNone, -4}, -4, -7}, {{0, kSendFails, kNotAsked}, 0, -7},
+    };
+    const LoopbackPort closed[3] = {LoopbackPort(false), LoopbackPort(false), LoopbackPort(false)};
+    for (const auto &[answers, exact, hardenedResult] : cases) {
         SCOPED_TRACE(testing::PrintToString(answers));
         std::vector<std::pair<int, int>> rows;
         std::vector<int> peers;
         for (int a : answers) {  // each listener's end shut after its answer, if any
-            const int port = a == kNone ? refusing.port() : 5000 + static_cast<int>(rows.size());
+            const int port = closed[rows.size()].port();
             peers.push_back(a == kNone ? -1 : poolPeer(port, a < kNone ? answer(a) : Bytes{}));
             if (a != kNone) {
                 shutdown(peers.back(), a == kSendFails ? SHUT_RDWR : SHUT_WR);
@@ -182,16 +215,22 @@ TEST_F(Protocol, FanOutCombinesTheAnswersInListOrder) {
         }
         writeRegistry(rows);
 
-        EXPECT_EQ(callEGListeners_jms(&kXid, 1, 0, 0x2003), result);
+        EXPECT_EQ(callEGListeners_jms(&kXid, 1, 0, 0x2002), hardened() ? hardenedResult : exact);
 
+        bool cleared = false;  // exact: a failed read has closed every pooled socket
         for (size_t i = 0; i < answers.size(); ++i) {
             const int a = answers[i];
+            const bool lost = cleared && !hardened();  // reconnecting, it found the port refusing
             if (a != kNone && a != kSendFails) {
-                EXPECT_EQ(received(peers[i]).size(), a == kNotAsked ? 0u : 49u) << i;
+                const bool asked = !lost && (a != kNotAsked || hardened());
+                EXPECT_EQ(received(peers[i]).size(), asked ? 49u : 0u) << i;
             }
-            if (a != kSendFails) {
-                EXPECT_EQ(registryMode(static_cast<int>(i)), a == kNone ? kDead : kBroker) << i;
+            // Hardened, a listener whose retry found its port refusing is marked dead.
+            const bool dead = a == kNone || lost || (a > kNone && hardened());
+            if (a != kSendFails || hardened()) {
+                EXPECT_EQ(registryMode(static_cast<int>(i)), dead ? kDead : kBroker) << i;
             }
+            cleared = cleared || a == kCloses;
         }
         connectionSocketPool_jms(-1, nullptr, 40);
     }
@@ -275,6 +314,42 @@ TEST_F(Protocol, BrokerRecoverMergesTheListsOfTheListenersAsRequired) {
             EXPECT_EQ(xids[i].formatID, held[i]) << "record " << i;
         }
         connectionSocketPool_jms(-1, nullptr, 40);
+    }
+}
+
+// Exact, recover always reports no XIDs. Hardened, a scan hands out the distinct XIDs of all
+// listeners in the order of the XIDs, at most count a call; a reply that cannot be had fails it.
+TEST_P(Modes, RecoverScanHandsOutTheListenersXidsOnlyWhenHardened) {
+    // the flags, the count, the result of each mode, the formatIDs stored when hardened
+    const std::tuple<long, long, int, int, std::vector<int>> calls[] = {
+        {TMSTARTRSCAN, 2, 0, 2, {1, 2}},
+        {TMNOFLAGS, 2, 0, 2, {3, 4}},
+        {TMENDRSCAN, 2, 0, 0, {}},
+        {TMNOFLAGS, 2, 0, XAER_INVAL, {}},  // no scan open
+        {TMSTARTRSCAN | TMENDRSCAN, 8, 0, 4, {1, 2, 3, 4}},
+        {TMSTARTRSCAN, -1, 0, XAER_INVAL, {}},
+        {TMSTARTRSCAN, 8, 0, XAER_RMFAIL, {}},  // the listeners have no reply left
+    };
+    const LoopbackPort closed[2] = {LoopbackPort(false), LoopbackPort(false)};
+    const int replies = hardened() ? 4 : 6;  // one for each call that asks the listeners
+    std::vector<std::pair<int, int>> rows;
+    for (const std::vector<int> &ids : {std::vector{3, 1, 2}, std::vector{4, 2}}) {
+        Bytes all;
+        for (int r = 0; r < replies; ++r) {
+            all = all + listOf(ids);
+        }
+        rows.emplace_back(kBroker, closed[rows.size()].port());
+        shutdown(poolPeer(rows.back().second, all), SHUT_WR);
+    }
+    writeRegistry(rows);
+    for (const auto &[flags, count, exact, hardenedRc, ids] : calls) {
+        SCOPED_TRACE(std::to_string(flags) + " count " + std::to_string(count));
+        std::vector<XID> xids(8, XID{kSentinel, 0, 0, {}});
+        EXPECT_EQ(xa_recover_entry_jms(xids.data(), count, 1, flags),
+                  hardened() ? hardenedRc : exact);
+        for (size_t i = 0; i < xids.size() && hardened(); ++i) {
+            EXPECT_EQ(xids[i].formatID, i < ids.size() ? ids[i] : kSentinel) << i;
+        }
     }
 }
 

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <string>
 #include <tuple>
@@ -147,6 +150,26 @@ TEST_F(JniBridge, UnreachableJavaIsReportedWithoutCallingThroughNull) {
     clearScripts();
 }
 
+// A queue-manager process that finds the companion only on the loader's path holds it
+// through nobody else: the fetch must not unload the code its table points into.
+TEST(JniBridgeAlone, CompanionFoundOnlyOnTheLoaderPathStaysLoaded) {
+    ASSERT_EQ(realDlopen(XAJMS_PELLUX_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr);
+    setDlopen([](const char *file, int mode) {
+        return std::string(file) == "libPellux.so" ? realDlopen(XAJMS_PELLUX_PATH, mode)
+                                                   : realDlopen(file, mode);
+    });
+    XID xid{};
+    EXPECT_EQ(xa_start_entry_jms(&xid, 1, TMNOFLAGS), XA_OK);
+    EXPECT_EQ(xa_end_entry_jms(&xid, 1, TMSUCCESS), XA_OK);
+    EXPECT_EQ(xa_start_entry_jms(&xid, 1, TMNOFLAGS), XA_OK);
+    clearScripts();
+    void *held = realDlopen(XAJMS_PELLUX_PATH, RTLD_NOW | RTLD_NOLOAD);
+    EXPECT_NE(held, nullptr);
+    if (held != nullptr) {
+        dlclose(held);
+    }
+}
+
 TEST_F(JniBridge, DeferredStartIsTracedStepByStep) {
     open("qm", 7);
     TempDir dir;
@@ -172,6 +195,48 @@ TEST_F(JniBridge, DeferredStartIsTracedStepByStep) {
                      golden(1, start + "  return code from jniXAJMSStart = 0"),
                      golden(1, "        Return code = XA_OK         "),
                      golden(1, "} Varnelink xa_start_entry_jms   jniXAJMSStart_jms returned 0")}));
+}
+
+// The first start function called fixes the process's mode: it keeps returning its record,
+// the other one returns null. Each order in a child process of its own.
+TEST(StartFunctions, TheFirstCalledFixesTheModeAndTheOtherReturnsNull) {
+    using Start = xa_switch_t *(*)();
+    const std::pair<Start, Start> orders[] = {{OrloStart, OrloStartSafe},
+                                              {OrloStartSafe, OrloStart}};
+    for (const auto &[first, other] : orders) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            xa_switch_t *record = first();
+            const bool held = record != nullptr && other() == nullptr && first() == record &&
+                              (record == &jta_switch_jms) == (first == OrloStart) &&
+                              std::string(record->name) == "KEL_VARNELINK" &&
+                              record->xa_recover_entry == xa_recover_entry_jms &&
+                              iOrloStart_jms == 3;
+            _exit(held ? 0 : 1);
+        }
+        int status = -1;
+        waitpid(pid, &status, 0);
+        EXPECT_EQ(status, 0) << (first == OrloStart ? "OrloStart first" : "OrloStartSafe first");
+    }
+}
+
+TEST(StartFunctions, ARefusedStartIsTracedAsAStartWithItsReason) {
+    TempDir dir;
+    freezeTraceColumns();
+    unsetenv("XAJMS_LOCATION");
+    setenv("XAJMS_TRACEFILE", (dir.path() + "/t").c_str(), 1);
+    ASSERT_NE(OrloStartSafe(), nullptr);
+    EXPECT_EQ(OrloStart(), nullptr);
+    const std::string safe = "  Varnelink OrloStartSafe   ", exact = "  Varnelink OrloStart   ";
+    const std::string flags = "Database switch flags=2, Resource name=KEL_VARNELINK, ";
+    EXPECT_EQ(traceLines(dir.path() + "/t"),
+              (Lines{golden(1, "{ Varnelink OrloStartSafe "),
+                     golden(1, safe + flags + "number of calls this process=1"),
+                     golden(1, "} Varnelink OrloStartSafe "), golden(1, "{ Varnelink OrloStart "),
+                     golden(1, exact + flags + "number of calls this process=2"),
+                     golden(1, exact + "Refused: this process already runs the switch of the "
+                                       "other start function"),
+                     golden(1, "} Varnelink OrloStart ")}));
 }
 
 TEST(XaEntries, EachEntryMapsTheListenersAnswerByItsOwnRow) {

@@ -1,6 +1,8 @@
 // xajms-drive: parses the command line, loads the switch load file, calls ZJavaInitSwitchJMS
 // (with --broker) and the start function, then runs the verbs. Exit status 0 when every
 // call returned what was expected, 1 when one did not, 2 when the run could not begin.
+#include <dirent.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -52,9 +54,11 @@ const xa_switch_t *startSwitch(StartFunction start, const std::string &name) {
     return record;
 }
 
-int drive(const xajms::drive::Options &options) {
+// Loads the library, starts the switch and runs the verbs; the library is closed again on
+// return (and unloaded, with --reload).
+int driveLoaded(const xajms::drive::Options &options) {
     using namespace xajms::drive;
-    const SwitchLibrary library(options.library);
+    const SwitchLibrary library(options.library, !options.reload);
     const auto start = reinterpret_cast<StartFunction>(library.function(options.startFunction));
     const auto hook = options.broker
                           ? reinterpret_cast<BrokerHook>(library.function("ZJavaInitSwitchJMS"))
@@ -73,6 +77,56 @@ int drive(const xajms::drive::Options &options) {
     }
     const long unexpected = runCalls(*record, options, stdout);
     return allExpected && unexpected == 0 ? kAsExpected : kUnexpected;
+}
+
+// What the process holds that an unloaded library could have left behind: open descriptors
+// and memory mappings, counted from /proc/self.
+struct Holdings {
+    long descriptors = 0;
+    long mappings = 0;
+};
+
+Holdings holdings() {
+    Holdings held;
+    if (DIR *fds = opendir("/proc/self/fd"); fds != nullptr) {
+        while (const dirent *entry = readdir(fds)) {
+            held.descriptors += entry->d_name[0] != '.' ? 1 : 0;
+        }
+        closedir(fds);
+        held.descriptors -= 1;  // the directory's own descriptor
+    }
+    if (std::FILE *maps = std::fopen("/proc/self/maps", "r"); maps != nullptr) {
+        for (int c = std::fgetc(maps); c != EOF; c = std::fgetc(maps)) {
+            held.mappings += c == '\n' ? 1 : 0;
+        }
+        std::fclose(maps);
+    }
+    return held;
+}
+
+// With --reload, one load, run and unload per round. The first round may leave what the
+// loader and the C library keep for good; every later round must leave nothing.
+int drive(const xajms::drive::Options &options) {
+    if (!options.reload) {
+        return driveLoaded(options);
+    }
+    xajms::drive::Options once = options;
+    once.repeat = 1;
+    bool allExpected = true;
+    Holdings first;
+    for (int round = 1; round <= options.repeat; ++round) {
+        allExpected = driveLoaded(once) == kAsExpected && allExpected;
+        if (round == 1) {
+            first = holdings();
+        }
+    }
+    const Holdings last = holdings();
+    const long descriptors = last.descriptors - first.descriptors;
+    const long mappings = last.mappings - first.mappings;
+    const bool kept = descriptors > 0 || mappings > 0;
+    std::printf("unloaded %d times: descriptors %+ld, mappings %+ld after the first unload%s\n",
+                options.repeat, descriptors, mappings, kept ? " (expected +0)" : "");
+    return allExpected && !kept ? kAsExpected : kUnexpected;
 }
 
 }  // namespace

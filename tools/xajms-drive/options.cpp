@@ -6,6 +6,7 @@
 #include <cstring>
 #include <functional>
 
+#include "common/xid_notation.h"
 #include "xa_names.h"
 
 namespace xajms::drive {
@@ -39,9 +40,12 @@ Options:
   --start NAME        start function returning the switch record (default OrloStart)
   --broker            call ZJavaInitSwitchJMS of the library first, as a broker process does
   --rmid N            resource manager id passed to every call (default 1)
-  --xid F:GTRID:BQUAL the XID of start, end, prepare, commit, rollback and forget: formatID
-                      in decimal, then the transaction id and branch qualifier as text
-                      (at most 64 bytes each), e.g. 4711:gtrid01:bqual01
+  --xid F:GTRID:BQUAL the XID of start, end, prepare, commit, rollback and forget, as
+                      every xajms tool writes XIDs: the formatID in decimal, then the
+                      transaction id and branch qualifier (at most 64 bytes each), each
+                      printable text without ':', or 0x and the bytes in hex, e.g.
+                      4711:gtrid01:bqual01 or 4711:gtrid01:0x00ff. An XID that
+                      xajms-registry --in-doubt lists can be pasted here as it is.
   --count N           size of the recover array, 0 to 100000 (default 64)
   --expect VERB=CODE  the code VERB must return, by name (XAER_RMFAIL) or number (-7);
                       default XA_OK, and for recover any count of XIDs. Repeatable.
@@ -49,10 +53,21 @@ Options:
   --threads N         run the repeated verbs on N threads at once (default 1, at most 256)
                       With --repeat or --threads above 1, each line starts with
                       "thread=T round=R" and a last line gives the totals.
-  --help              print this text and exit
+  --reload            load the library before each of the --repeat rounds and unload it
+                      after, as a transaction manager that loads the switch per client
+                      does; a last line gives the descriptors and mappings the process
+                      gained after the first unload, and any gain counts as unexpected
+  -h, --help          print this text and exit
 
-Example:
-  xajms-drive --rmid 1 --xid 4711:gtrid01:bqual01 open start end prepare commit close
+Start and end go to Java in-process through the companion library libPellux.so, which
+only a broker process has (--broker); in a queue-manager process they return XAER_RMERR.
+A call that takes a second or more is explained on standard error: no listener registered
+(the library looks 3 times, a second apart, then returns XAER_RMFAIL), a port that refused
+connections (3 attempts, then its row is marked dead), or the listeners whose answers it
+waited for (up to 60 s each, then XAER_RMFAIL).
+
+Example (in xajms-sandbox, with a listener started by xajms-listener --name EG1 &):
+  xajms-drive --rmid 1 --xid 4711:gtrid01:bqual01 open='qm=QM1' prepare commit close
 
 Exit status: 0 when every call returned what was expected, 1 otherwise or when the library
 returns no usable switch, 2 for a bad command line or a library that cannot be loaded.
@@ -111,26 +126,25 @@ T parseNumber(std::string_view text, std::string_view option, T low, T high) {
     return value;
 }
 
-// FORMAT:GTRID:BQUAL; the branch qualifier is everything after the second colon.
+// F:GTRID:BQUAL in the tools' notation, each part at most 64 bytes. xidText keeps the XID
+// as the tools print it, so that the call lines name it as the listener's log does.
 void applyXid(Options &o, std::string_view text) {
-    const std::size_t first = text.find(':');
-    const std::size_t second = first == std::string_view::npos ? first : text.find(':', first + 1);
-    if (second == std::string_view::npos) {
-        fail("--xid", "expected FORMAT:GTRID:BQUAL, got " + quoted(text));
+    std::string why;
+    const std::optional<tools::XidParts> parts = tools::parseXid(text, why);
+    if (!parts) {
+        fail("--xid", why + ", got " + quoted(text));
     }
-    const std::string_view gtrid = text.substr(first + 1, second - first - 1);
-    const std::string_view bqual = text.substr(second + 1);
-    if (gtrid.size() > MAXGTRIDSIZE || bqual.size() > MAXBQUALSIZE) {
+    if (parts->gtrid.size() > MAXGTRIDSIZE || parts->bqual.size() > MAXBQUALSIZE) {
         fail("--xid", "transaction id and branch qualifier are at most 64 bytes each");
     }
     XID xid{};
-    xid.formatID = parseNumber<long>(text.substr(0, first), "--xid", -2147483648L, 2147483647L);
-    xid.gtrid_length = static_cast<long>(gtrid.size());
-    xid.bqual_length = static_cast<long>(bqual.size());
-    std::memcpy(xid.data, gtrid.data(), gtrid.size());
-    std::memcpy(xid.data + gtrid.size(), bqual.data(), bqual.size());
+    xid.formatID = parts->formatID;
+    xid.gtrid_length = static_cast<long>(parts->gtrid.size());
+    xid.bqual_length = static_cast<long>(parts->bqual.size());
+    std::memcpy(xid.data, parts->gtrid.data(), parts->gtrid.size());
+    std::memcpy(xid.data + parts->gtrid.size(), parts->bqual.data(), parts->bqual.size());
     o.xid = xid;
-    o.xidText = text;
+    o.xidText = tools::formatXid(*parts);
 }
 
 void applyExpect(Options &o, std::string_view text) {
@@ -189,6 +203,7 @@ const std::vector<OptionEntry> &optionTable() {
          [](Options &o, std::string_view v) {
              o.threads = parseNumber<int>(v, "--threads", 1, kMaxThreads);
          }},
+        {"--reload", false, [](Options &o, std::string_view) { o.reload = true; }},
         {"--help", false, [](Options &o, std::string_view) { o.help = true; }},
     };
     return table;
@@ -255,6 +270,10 @@ Options parseOptions(int argc, const char *const *argv) {
     o.expect[static_cast<std::size_t>(Verb::recover)].anyCount = true;
     for (int i = 0; i < argc; ++i) {
         std::string_view arg = argv[i];
+        if (arg == "-h") {
+            o.help = true;
+            continue;
+        }
         if (!arg.starts_with("--")) {
             o.calls.push_back(parseVerb(arg));
             continue;

@@ -38,12 +38,13 @@ struct Options {
     std::string startFunction = "OrloStart";
     int rmid = 1;
     std::optional<XID> xid;
-    std::string xidText;
+    std::string xidText;  // the XID in the tools' notation, as the call lines print it
     long recoverCount = 64;
     bool broker = false;
     std::array<Expectation, kVerbs> expect{};
     int repeat = 1;
     int threads = 1;
+    bool reload = false;  // load and unload the library around each round
     std::vector<Call> calls;
     bool help = false;
 };

@@ -1,15 +1,18 @@
 // The calls of the sequence: the entry each verb reaches, the arguments it passes, the line
 // printed for it, and the threads that repeat the sequence. Lines are written whole under
-// one lock, so that threads never interleave within a line.
+// one lock, so that threads never interleave within a line. A call that took seconds is
+// explained on standard error, from the registry file.
 #include "run.h"
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
+#include "wait_reason.h"
 #include "xa_names.h"
 
 namespace xajms::drive {
@@ -33,6 +36,10 @@ struct Shared {
     std::mutex outLock;
     std::atomic<long> unexpected{0};
     std::atomic<long> calls{0};
+    // The registry file before the first call, then after each slow call, and the last
+    // explanation printed (printed once in a row).
+    std::optional<tools::Snapshot> registry;
+    std::string lastReason;
 };
 
 int invoke(const xa_switch_t &sw, const Call &call, int rmid, Workspace &w) {
@@ -72,7 +79,7 @@ std::string describe(const Call &call, const Options &o) {
     text += " rmid=" + std::to_string(o.rmid);
     if (call.verb != Verb::open && call.verb != Verb::close && call.verb != Verb::recover &&
         call.verb != Verb::complete) {
-        text += " xid=" + printable(o.xidText);
+        text += " xid=" + o.xidText;  // printable already, and pasted back as it is
     }
     text += " flags=" + flagNames(call.flags);
     if (call.verb == Verb::open || call.verb == Verb::close) {
@@ -116,6 +123,19 @@ void runOne(Shared &s, const Call &call, Workspace &w, const std::string &prefix
     s.calls.fetch_add(1);
     const std::lock_guard<std::mutex> hold(s.outLock);
     std::fwrite(line.data(), 1, line.size(), s.out);
+    if (took.count() < kSlowCallMs) {
+        return;
+    }
+    std::string why;
+    std::optional<tools::Snapshot> now = registryNow(why);
+    const std::string reason = waitReason(s.registry, now, why, took.count());
+    s.registry = std::move(now);
+    if (reason != s.lastReason) {
+        std::fflush(s.out);
+        std::fprintf(stderr, "xajms-drive: %s%s took %.1f s: %s\n", prefix.c_str(),
+                     std::string(verbName(call.verb)).c_str(), took.count() / 1000, reason.c_str());
+        s.lastReason = reason;
+    }
 }
 
 void runThread(Shared &s, int thread) {
@@ -169,7 +189,9 @@ std::string missingEntry(const xa_switch_t &sw, const Options &options) {
 }
 
 long runCalls(const xa_switch_t &record, const Options &options, std::FILE *out) {
-    Shared shared{record, options, out, {}, {}, {}};
+    Shared shared{record, options, out, {}, {}, {}, {}, {}};
+    std::string why;
+    shared.registry = registryNow(why);
     const Clock::time_point begin = Clock::now();
     if (options.threads == 1) {
         runThread(shared, 1);

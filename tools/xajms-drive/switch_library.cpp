@@ -45,13 +45,13 @@ std::string defaultLibrary() {
 
 }  // namespace
 
-SwitchLibrary::SwitchLibrary(const std::string &path)
+SwitchLibrary::SwitchLibrary(const std::string &path, bool keep)
     : path_(path.empty() ? defaultLibrary() : path) {
     // A queue manager keeps its switch load file for the life of the process. RTLD_NODELETE
     // does the same here: the library's process-wide state (the open table an open left
     // allocated) stays mapped and reachable after the handle is closed, rather than turning
     // into a leak at exit.
-    handle_ = dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    handle_ = dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL | (keep ? RTLD_NODELETE : 0));
     if (handle_ == nullptr) {
         std::string reason = loaderError();
         if (path.empty()) {

@@ -17,8 +17,10 @@ class LoadError : public std::runtime_error {
 class SwitchLibrary {
   public:
     // Loads the library at path, or the library built with the tool when path is empty.
-    // Throws LoadError when the dynamic loader refuses it.
-    explicit SwitchLibrary(const std::string &path);
+    // With keep, the library stays mapped after the handle is closed, as in a queue manager
+    // that keeps its switch for the life of the process; without it, the destructor unloads
+    // it. Throws LoadError when the dynamic loader refuses it.
+    SwitchLibrary(const std::string &path, bool keep);
     ~SwitchLibrary();
     SwitchLibrary(const SwitchLibrary &) = delete;
     SwitchLibrary &operator=(const SwitchLibrary &) = delete;

@@ -8,6 +8,8 @@
 #include <exception>
 #include <optional>
 
+#include "common/shared_file.h"
+
 namespace {
 
 constexpr int kBadUsage = 2;
@@ -23,6 +25,11 @@ int runListener(const xajms::listener::Options &options) {
     const Descriptor listener = listenOn(options.port, port);
     std::optional<RegistryRow> row;
     if (options.registerRow) {
+        const std::string warning =
+            xajms::tools::sharedFileWarning(options.registry, "registering a listener in");
+        if (!warning.empty()) {
+            std::fprintf(stderr, "xajms-listener: %s\n", warning.c_str());
+        }
         row.emplace(options.registry, options.mode, port, options.name);
     }
     std::printf("port=%d\n", port);
@@ -37,6 +44,9 @@ int main(int argc, char **argv) {
     Options options;
     try {
         options = parseOptions(argc - 1, argv + 1);
+        if (!options.help) {
+            checkRegistryDirectory(options);
+        }
     } catch (const UsageError &e) {
         std::fprintf(stderr, "xajms-listener: %s\n", e.what());
         return kBadUsage;

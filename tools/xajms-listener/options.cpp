@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <filesystem>
 #include <functional>
 
 namespace xajms::listener {
@@ -25,7 +26,9 @@ Registration:
   --name NAME         execution group name stored in the row, at most 128 bytes
                       (default "xajms-listener").
   --registry PATH     registry file (default /var/orlom/XA_SWITCH_MMF). It is created
-                      and formatted when absent, short, or without its signature.
+                      and formatted when absent, short, or without its signature; its
+                      directory must exist. A warning on standard error names the other
+                      live processes that use the file (registered in it or mapping it).
   --no-register       do not touch the registry file.
   The row taken is the first empty row below the row count, else the row at the row
   count, which is then raised by one. On exit the row is emptied (mode, pid, port 0).
@@ -36,13 +39,14 @@ Answers:
   --rollback N        rollback and
   --forget N          forget. N is a signed decimal number, e.g. --rollback -4.
   --answer XID=N      answer N to every prepare, commit, rollback and forget for this
-                      XID (F:GTRID:BQUAL as in --xid), whatever the type's code is;
+                      XID (written as for --xid), whatever the type's code is;
                       repeatable, a later rule for the same XID wins.
-  --xid F:GTRID:BQUAL add an XID to the recover answer (repeatable, in order). F is the
-                      formatID in decimal or 0x-prefixed hex, optionally negative;
-                      GTRID and BQUAL are the bytes in hex (two digits a byte, may be
-                      empty), e.g. --xid 0x1234:616263:6465. Lengths are not limited
-                      to 64, so that over-long records can be sent on purpose.
+  --xid F:GTRID:BQUAL add an XID to the recover answer (repeatable, in order), written
+                      as every xajms tool writes XIDs: F the formatID in decimal,
+                      optionally negative; GTRID and BQUAL each printable text without
+                      ':', or 0x and the bytes in hex, e.g. --xid 4660:abc:0x00ff.
+                      Lengths are not limited to 64, so that over-long records can be
+                      sent on purpose.
   --recover-count N   send N as the recover answer's xidcount instead of the number of
                       XIDs (the records sent stay those of --xid).
   --recover-size N    send N as the recover answer's xiddatasize instead of the true size.
@@ -66,12 +70,16 @@ and its connection closed.
 Output:
   --log FILE          append the request lines to FILE (default standard output). A line
                       is "#n TYPE rmid=R flags=0x... xid=F:GTRID:BQUAL -> ANSWER", the XID
-                      as in --xid ("xid=none" without one), and text="..." for close.
+                      as --xid takes it ("xid=none" without one), and text="..." for close.
   --quiet             log no request lines.
-  --help              print this text and exit.
+  -h, --help          print this text and exit.
+
+Examples (in xajms-sandbox, so that no live queue manager sends them its transactions):
+  xajms-listener --mode broker --name EG1 &
+  xajms-listener --mode pending --name EG2 --never commit --xid 4660:abc:0x00ff &
 
 Exit status: 0 after a cleanup close, SIGTERM or SIGINT; 1 when the listener cannot
-listen or register; 2 for a bad command line.
+listen or register; 2 for a bad command line or a registry directory that does not exist.
 )";
 
 using Handler = std::function<void(Options &, std::string_view)>;
@@ -97,49 +105,15 @@ T parseNumber(std::string_view text, std::string_view option, int base) {
     return value;
 }
 
-std::int64_t parseFormatId(std::string_view text, std::string_view option) {
-    const bool negative = text.starts_with('-');
-    std::string_view digits = negative ? text.substr(1) : text;
-    int base = 10;
-    if (digits.starts_with("0x") || digits.starts_with("0X")) {
-        digits.remove_prefix(2);
-        base = 16;
+// An XID in the tools' notation. Its parts may be longer than 64 bytes, so that over-long
+// records can be sent on purpose.
+XidParts xidOption(std::string_view text, std::string_view option = "--xid") {
+    std::string why;
+    std::optional<XidParts> xid = tools::parseXid(text, why);
+    if (!xid) {
+        fail(option, why + ", got '" + std::string(text) + "'");
     }
-    if (digits.starts_with('-') || digits.starts_with('+')) {
-        fail(option, "bad formatID '" + std::string(text) + "'");
-    }
-    const auto magnitude = parseNumber<std::uint64_t>(digits, option, base);
-    const std::uint64_t limit = negative ? (std::uint64_t{1} << 63) : (std::uint64_t{1} << 63) - 1;
-    if (magnitude > limit) {
-        fail(option, "formatID out of range '" + std::string(text) + "'");
-    }
-    return negative ? static_cast<std::int64_t>(0 - magnitude)
-                    : static_cast<std::int64_t>(magnitude);
-}
-
-std::vector<std::uint8_t> parseHex(std::string_view text, std::string_view option) {
-    if (text.size() % 2 != 0) {
-        fail(option, "odd number of hex digits in '" + std::string(text) + "'");
-    }
-    std::vector<std::uint8_t> bytes;
-    bytes.reserve(text.size() / 2);
-    for (std::size_t i = 0; i < text.size(); i += 2) {
-        bytes.push_back(parseNumber<std::uint8_t>(text.substr(i, 2), option, 16));
-    }
-    return bytes;
-}
-
-Xid parseXid(std::string_view text, std::string_view option) {
-    const auto first = text.find(':');
-    const auto second = first == std::string_view::npos ? first : text.find(':', first + 1);
-    if (second == std::string_view::npos || text.find(':', second + 1) != std::string_view::npos) {
-        fail(option, "expected FORMAT:GTRID:BQUAL, got '" + std::string(text) + "'");
-    }
-    Xid xid;
-    xid.formatId = parseFormatId(text.substr(0, first), option);
-    xid.gtrid = parseHex(text.substr(first + 1, second - first - 1), option);
-    xid.bqual = parseHex(text.substr(second + 1), option);
-    return xid;
+    return std::move(*xid);
 }
 
 int parseMilliseconds(std::string_view text, std::string_view option) {
@@ -197,7 +171,7 @@ void applyAnswer(Options &o, std::string_view v) {
     if (eq == std::string_view::npos) {
         fail("--answer", "expected F:GTRID:BQUAL=N, got '" + std::string(v) + "'");
     }
-    o.answers.emplace_back(parseXid(v.substr(0, eq), "--answer"),
+    o.answers.emplace_back(xidOption(v.substr(0, eq), "--answer"),
                            parseNumber<std::int32_t>(v.substr(eq + 1), "--answer", 10));
 }
 
@@ -250,8 +224,7 @@ const std::vector<OptionEntry> &optionTable() {
         {"--rollback", true, answerCode(RequestType::rollback, "--rollback")},
         {"--forget", true, answerCode(RequestType::forget, "--forget")},
         {"--answer", true, applyAnswer},
-        {"--xid", true,
-         [](Options &o, std::string_view v) { o.xids.push_back(parseXid(v, "--xid")); }},
+        {"--xid", true, [](Options &o, std::string_view v) { o.xids.push_back(xidOption(v)); }},
         {"--recover-count", true,
          [](Options &o, std::string_view v) {
              o.recoverCount = parseNumber<std::int32_t>(v, "--recover-count", 10);
@@ -268,6 +241,7 @@ const std::vector<OptionEntry> &optionTable() {
         {"--log", true, [](Options &o, std::string_view v) { applyPath(o.logPath, v, "--log"); }},
         {"--quiet", false, [](Options &o, std::string_view) { o.quiet = true; }},
         {"--help", false, [](Options &o, std::string_view) { o.help = true; }},
+        {"-h", false, [](Options &o, std::string_view) { o.help = true; }},
     };
     return table;
 }
@@ -311,6 +285,19 @@ Options parseOptions(int argc, const char *const *argv) {
     return o;
 }
 
+void checkRegistryDirectory(const Options &o) {
+    if (!o.registerRow) {
+        return;
+    }
+    const std::filesystem::path dir =
+        std::filesystem::absolute(o.registry).lexically_normal().parent_path();
+    std::error_code error;
+    if (!std::filesystem::is_directory(dir, error)) {
+        throw UsageError("registry file " + o.registry + ": no directory " + dir.string() +
+                         " (xajms-sandbox gives a private /var/orlom to try things in)");
+    }
+}
+
 Behaviour behaviourFor(const Options &o, std::uint64_t n, RequestType type) {
     if (const auto it = o.byNumber.find(n); it != o.byNumber.end()) {
         return it->second;
@@ -326,9 +313,12 @@ std::int32_t codeFor(const Options &o, RequestType type, std::span<const std::ui
     XidView v{};
     if (!o.answers.empty() && decodeXid(payload, v) == XidStatus::valid) {
         for (auto it = o.answers.rbegin(); it != o.answers.rend(); ++it) {
-            const Xid &x = it->first;
-            if (x.formatId == v.formatId && std::ranges::equal(x.gtrid, v.gtrid) &&
-                std::ranges::equal(x.bqual, v.bqual)) {
+            const XidParts &x = it->first;
+            const auto byte = [](char c, std::uint8_t b) {
+                return static_cast<std::uint8_t>(c) == b;
+            };
+            if (x.formatID == v.formatId && std::ranges::equal(x.gtrid, v.gtrid, byte) &&
+                std::ranges::equal(x.bqual, v.bqual, byte)) {
                 return it->second;
             }
         }

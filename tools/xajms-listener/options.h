@@ -2,8 +2,6 @@
 // which requests it answers late, never or by closing the connection, and where it logs.
 #pragma once
 
-#include "wire.h"
-
 #include <array>
 #include <cstdint>
 #include <map>
@@ -14,10 +12,14 @@
 #include <string_view>
 #include <vector>
 
+#include "common/wire.h"
+#include "common/xid_notation.h"
+#include "registry_row.h"
+
 namespace xajms::listener {
 
-// The registry modes a listener can register in (the values of the row's mode field).
-enum class Mode : std::int32_t { recovery = 1, broker = 2, pending = 4 };
+// The wire format and the XID notation, which the listener uses throughout.
+using namespace xajms::tools;
 
 enum class Misbehaviour { none, late, never, drop, half };
 
@@ -25,9 +27,6 @@ struct Behaviour {
     Misbehaviour kind = Misbehaviour::none;
     int lateMs = 0;
 };
-
-inline constexpr std::string_view kDefaultRegistry = "/var/orlom/XA_SWITCH_MMF";
-inline constexpr std::size_t kNameSize = 128;
 
 struct Options {
     int port = 0;
@@ -38,13 +37,13 @@ struct Options {
     // Answer codes of prepare, commit, rollback and forget, indexed by RequestType.
     std::array<std::int32_t, 4> codes{};
     // Answer codes for given XIDs, whatever the completion request; a later rule wins.
-    std::vector<std::pair<Xid, std::int32_t>> answers;
+    std::vector<std::pair<XidParts, std::int32_t>> answers;
     std::array<Behaviour, kAnsweredTypes> byType{};
     // Behaviour of the nth request (counted from 1 over all types); wins over byType.
     std::map<std::uint64_t, Behaviour> byNumber;
     // Every request whose number is a multiple of this is dropped (0: none); byNumber wins.
     std::uint64_t dropEvery = 0;
-    std::vector<Xid> xids;
+    std::vector<XidParts> xids;
     std::optional<std::int32_t> recoverCount;
     std::optional<std::int32_t> recoverDataSize;
     std::string logPath;
@@ -61,6 +60,10 @@ class UsageError : public std::runtime_error {
 // Parses the arguments after the program name. Throws UsageError on anything it does not
 // accept; later occurrences of an option override earlier ones, except --xid, which adds.
 Options parseOptions(int argc, const char *const *argv);
+
+// Throws UsageError when the listener is to register and the directory of its registry file
+// does not exist: a mistyped path is refused rather than created.
+void checkRegistryDirectory(const Options &options);
 
 // What a request numbered n of this type is to suffer: the rule for n, else a drop when n is
 // a multiple of dropEvery, else the rule for the type.

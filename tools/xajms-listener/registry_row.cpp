@@ -11,8 +11,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 
@@ -57,13 +57,8 @@ unsigned char *rowAt(unsigned char *map, int row) {
 }
 
 int openRegistry(const std::string &path) {
-    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (fd < 0 && errno == ENOENT) {
-        // A missing /var/orlom is created once, as a fresh machine has none.
-        std::error_code ignored;
-        std::filesystem::create_directory(std::filesystem::path(path).parent_path(), ignored);
-        fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    }
+    // The directory is never created: checkRegistryDirectory refused a missing one.
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (fd < 0) {
         failWith(errno, "cannot open registry file " + path);
     }
@@ -105,16 +100,46 @@ int chooseRow(unsigned char *map) {
     return bound < kRegistryRows ? bound : -1;
 }
 
+bool processGone(std::int32_t pid) {
+    return pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
+}
+
+// For an exclusive listener: empties every broker row whose process is gone and returns the
+// text that names the first broker row of another live process, or an empty text.
+std::string claimBrokerRows(unsigned char *map, pid_t self) {
+    const std::int32_t count = load(map + kRowCountOffset);
+    const std::int32_t bound = count < 0 ? 0 : (count > kRegistryRows ? kRegistryRows : count);
+    for (int r = 0; r < bound; ++r) {
+        unsigned char *row = rowAt(map, r);
+        const std::int32_t pid = load(row + kRowPidOffset);
+        if (load(row + kRowModeOffset) != static_cast<std::int32_t>(Mode::broker) || pid == self) {
+            continue;
+        }
+        if (!processGone(pid)) {
+            const char *name = reinterpret_cast<const char *>(row + kRowNameOffset);
+            return "execution group '" + std::string(name, strnlen(name, kNameSize)) + "' of pid " +
+                   std::to_string(pid) + " is registered already";
+        }
+        store(row + kRowModeOffset, 0);
+        store(row + kRowPidOffset, 0);
+        store(row + kRowPortOffset, 0);
+    }
+    return {};
+}
+
 }  // namespace
 
-RegistryRow::RegistryRow(const std::string &path, Mode mode, int port, std::string_view name)
+RegistryRow::RegistryRow(const std::string &path, Mode mode, int port, std::string_view name,
+                         Sharing sharing)
     : fd_(openRegistry(path)), pid_(::getpid()), port_(port) {
     FileLock lock(fd_.get());
     formatIfNeeded(fd_.get(), map_, path);
-    row_ = chooseRow(map_);
+    const std::string taken =
+        sharing == Sharing::exclusive ? claimBrokerRows(map_, pid_) : std::string();
+    row_ = taken.empty() ? chooseRow(map_) : -1;
     if (row_ < 0) {
         ::munmap(map_, kRegistrySize);
-        throw std::runtime_error("no free row in registry file " + path);
+        throw std::runtime_error(taken.empty() ? "no free row in registry file " + path : taken);
     }
     unsigned char *row = rowAt(map_, row_);
     store(row + kRowModeOffset, 0);

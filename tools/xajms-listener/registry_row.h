@@ -4,7 +4,6 @@
 #pragma once
 
 #include "common/descriptor.h"
-#include "options.h"
 
 #include <sys/types.h>
 
@@ -26,13 +25,25 @@ inline constexpr std::size_t kRowPidOffset = 0;
 inline constexpr std::size_t kRowPortOffset = 8;
 inline constexpr std::size_t kRowModeOffset = 12;
 inline constexpr std::size_t kRowNameOffset = 24;
+inline constexpr std::size_t kNameSize = 128;
+inline constexpr std::string_view kDefaultRegistry = "/var/orlom/XA_SWITCH_MMF";
+
+// The registry modes a listener can register in (the values of the row's mode field).
+enum class Mode : std::int32_t { recovery = 1, broker = 2, pending = 4 };
+
+// Whether a listener shares the registry with other broker listeners. An exclusive one
+// refuses to register while a live process holds a broker row, and empties the broker rows
+// whose process is gone, so that it is the only broker listener the library asks.
+enum class Sharing { shared, exclusive };
 
 class RegistryRow {
   public:
     // Opens (creating and formatting when needed) the registry file at path and fills a row
     // with this process's pid, the port, the mode and the name. Throws std::runtime_error
-    // when the file cannot be opened or mapped, or every row is taken.
-    RegistryRow(const std::string &path, Mode mode, int port, std::string_view name);
+    // when the file cannot be opened or mapped, or every row is taken, and, when exclusive,
+    // when another live process holds a broker row (the text names its pid and name).
+    RegistryRow(const std::string &path, Mode mode, int port, std::string_view name,
+                Sharing sharing = Sharing::shared);
     RegistryRow(const RegistryRow &) = delete;
     RegistryRow &operator=(const RegistryRow &) = delete;
     // Empties the row: mode, pid and port become 0, while it is still this listener's.

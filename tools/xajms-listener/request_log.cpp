@@ -64,14 +64,13 @@ void RequestLine::xid(std::span<const std::uint8_t> payload) {
         case XidStatus::valid:
             break;
     }
-    // The formatID as --xid reads it back: 0x-prefixed hex, a minus sign before it if negative.
-    const bool negative = v.formatId < 0;
-    const auto magnitude = negative ? 0 - static_cast<unsigned long long>(v.formatId)
-                                    : static_cast<unsigned long long>(v.formatId);
-    format(" xid=%s0x%llx:", negative ? "-" : "", magnitude);
-    length_ += toHex(v.gtrid, buffer_ + length_);
-    add(":");
-    length_ += toHex(v.bqual, buffer_ + length_);
+    // As --xid and the other tools read it back; the buffer has room for any payload.
+    add(" xid=");
+    const auto text = [](std::span<const std::uint8_t> part) {
+        return std::string_view(reinterpret_cast<const char *>(part.data()), part.size());
+    };
+    length_ += formatXidTo(static_cast<long>(v.formatId), text(v.gtrid), text(v.bqual),
+                           std::span<char>(buffer_ + length_, sizeof buffer_ - length_));
 }
 
 void RequestLine::text(std::span<const std::uint8_t> payload) {

@@ -1,9 +1,8 @@
-// The request log: one line per request, naming its type, rmid, flags, XID in hex (the close
-// text for close) and what the listener did with it.
+// The request log: one line per request, naming its type, rmid, flags, XID in the tools'
+// notation (the close text for close) and what the listener did with it.
 #pragma once
 
 #include "options.h"
-#include "wire.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -4,16 +4,13 @@
 #pragma once
 
 #include "common/descriptor.h"
+#include "listen_socket.h"
 #include "options.h"
 #include "request_log.h"
 
 namespace xajms::listener {
 
 using tools::Descriptor;
-
-// Binds a non-blocking socket to 127.0.0.1:port and listens; boundPort receives the port
-// actually bound (the free one picked for port 0). Throws std::system_error on failure.
-Descriptor listenOn(int port, int &boundPort);
 
 // Blocks SIGTERM and SIGINT and returns a signal descriptor that reports them, so that the
 // loop can empty the registry row before it exits. SIGPIPE is ignored.

@@ -7,9 +7,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
-namespace xajms::registry_tool {
+namespace xajms::tools {
 
 struct ShownRow {
     int index = 0;
@@ -35,8 +36,12 @@ std::optional<Snapshot> readRegistry(const std::string &path, std::string &why);
 // "empty", "start-up recovery", "broker", "dead", "pending", or "unknown" for other values.
 std::string modeName(std::int32_t mode);
 
+// A name as the tools show it: printable ASCII as it is, a backslash and any other byte as
+// \xNN, since names are bytes from a file anyone may write.
+std::string escapedName(std::string_view name);
+
 // Whether a process with this pid exists (a process of another user counts); nothing for a
 // pid of 0 or below, which names no single process.
 std::optional<bool> processAlive(pid_t pid);
 
-}  // namespace xajms::registry_tool
+}  // namespace xajms::tools

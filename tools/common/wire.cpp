@@ -1,8 +1,8 @@
 // Encoding and decoding of the listener protocol's bytes: request codes and names, the
-// request header, flattened XIDs, and the recover reply built once at start-up.
-#include "wire.h"
+// request header, flattened XIDs, the recover request and the recover reply.
+#include "common/wire.h"
 
-namespace xajms::listener {
+namespace xajms::tools {
 
 namespace {
 
@@ -109,30 +109,74 @@ XidStatus decodeXid(std::span<const std::uint8_t> payload, XidView &out) {
     return XidStatus::valid;
 }
 
-void appendFlattenedXid(std::vector<std::uint8_t> &out, const Xid &xid) {
+void appendFlattenedXid(std::vector<std::uint8_t> &out, const XidParts &xid) {
     const std::size_t at = out.size();
     out.resize(at + kXidFixedSize);
-    putLong(out.data() + at, xid.formatId);
+    putLong(out.data() + at, xid.formatID);
     putLong(out.data() + at + 8, static_cast<std::int64_t>(xid.gtrid.size()));
     putLong(out.data() + at + 16, static_cast<std::int64_t>(xid.bqual.size()));
     out.insert(out.end(), xid.gtrid.begin(), xid.gtrid.end());
     out.insert(out.end(), xid.bqual.begin(), xid.bqual.end());
 }
 
-std::vector<std::uint8_t> encodeRecoverReply(const std::vector<Xid> &xids,
+std::vector<std::uint8_t> encodeRecoverReply(const std::vector<XidParts> &xids,
                                              std::optional<std::int32_t> countOverride,
                                              std::optional<std::int32_t> sizeOverride) {
-    std::vector<std::uint8_t> reply(16);
+    std::vector<std::uint8_t> reply(kRecoverHeadSize);
     for (const auto &xid : xids) {
         appendFlattenedXid(reply, xid);
     }
     const auto count = static_cast<std::int32_t>(xids.size());
-    const auto size = static_cast<std::int32_t>(reply.size() - 16);
+    const auto size = static_cast<std::int32_t>(reply.size() - kRecoverHeadSize);
     putInt(reply.data(), kRecoverCode);
     putInt(reply.data() + 4, countOverride.value_or(count));
     putInt(reply.data() + 8, 0);
     putInt(reply.data() + 12, sizeOverride.value_or(size));
     return reply;
+}
+
+std::array<std::uint8_t, kHeaderSize> encodeRecoverRequest(std::int32_t rmid, std::uint64_t flags) {
+    std::array<std::uint8_t, kHeaderSize> request{};
+    putInt(request.data() + 4, kRecoverCode);
+    putInt(request.data() + 8, rmid);
+    putLong(request.data() + 12, static_cast<std::int64_t>(flags));
+    return request;
+}
+
+RecoverHead decodeRecoverHead(const std::uint8_t *p) {
+    return RecoverHead{getInt(p + 4), getInt(p + 12)};
+}
+
+std::optional<std::vector<XidParts>> decodeRecoverRecords(std::span<const std::uint8_t> data,
+                                                          std::int32_t count, std::string &why) {
+    std::vector<XidParts> xids;
+    for (std::int32_t i = 0; i < count; ++i) {
+        const std::string record =
+            "record " + std::to_string(i + 1) + " of " + std::to_string(count);
+        if (data.size() < kXidFixedSize) {
+            why = record + " lies beyond the xiddatasize";
+            return std::nullopt;
+        }
+        const std::int64_t gtridLength = getLong(data.data() + 8);
+        const std::int64_t bqualLength = getLong(data.data() + 16);
+        if (gtridLength < 0 || bqualLength < 0 || gtridLength > kMaxXidPart ||
+            bqualLength > kMaxXidPart) {
+            why = record + " has lengths " + std::to_string(gtridLength) + " and " +
+                  std::to_string(bqualLength) + ", not 0 to 64";
+            return std::nullopt;
+        }
+        const auto length = static_cast<std::size_t>(gtridLength + bqualLength);
+        if (data.size() - kXidFixedSize < length) {
+            why = record + " lies beyond the xiddatasize";
+            return std::nullopt;
+        }
+        const auto *bytes = reinterpret_cast<const char *>(data.data() + kXidFixedSize);
+        xids.push_back({static_cast<long>(getLong(data.data())),
+                        std::string(bytes, static_cast<std::size_t>(gtridLength)),
+                        std::string(bytes + gtridLength, static_cast<std::size_t>(bqualLength))});
+        data = data.subspan(kXidFixedSize + length);
+    }
+    return xids;
 }
 
 std::size_t toHex(std::span<const std::uint8_t> bytes, char *out) {
@@ -144,4 +188,4 @@ std::size_t toHex(std::span<const std::uint8_t> bytes, char *out) {
     return 2 * bytes.size();
 }
 
-}  // namespace xajms::listener
+}  // namespace xajms::tools

@@ -1,7 +1,7 @@
 // Taking the snapshot of the registry file: open, check it is a regular file, read all of it,
 // check the signature, then pick the rows to show: every row below the row count (at most
 // the 500 rows of the file) and any row at or beyond it that is in use.
-#include "snapshot.h"
+#include "common/registry_snapshot.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <system_error>
@@ -17,9 +18,7 @@
 #include "common/descriptor.h"
 #include "registry/registry.h"
 
-namespace xajms::registry_tool {
-
-using tools::Descriptor;
+namespace xajms::tools {
 
 namespace {
 
@@ -123,6 +122,21 @@ std::string modeName(std::int32_t mode) {
     return kNames[static_cast<std::size_t>(mode)];
 }
 
+std::string escapedName(std::string_view name) {
+    std::string shown;
+    for (const char c : name) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte < 0x7f && c != '\\') {
+            shown += c;
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02x", byte);
+            shown += hex;
+        }
+    }
+    return shown;
+}
+
 std::optional<bool> processAlive(pid_t pid) {
     if (pid <= 0) {
         return std::nullopt;
@@ -130,4 +144,4 @@ std::optional<bool> processAlive(pid_t pid) {
     return kill(pid, 0) == 0 || errno == EPERM;
 }
 
-}  // namespace xajms::registry_tool
+}  // namespace xajms::tools
