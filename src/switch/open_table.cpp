@@ -24,8 +24,9 @@ void clearPool() {
     unlockConnectionPool_jms();
 }
 
-// Allocates the open table in one piece, every record empty. Returns false when memory is
-// short.
+// Allocates the open table in one piece, every record empty, and installs it unless another
+// thread's first open installed one meanwhile; then that table is used and this one freed, so
+// that threads opening at once leave no table behind. Returns false when memory is short.
 bool createTable() {
     auto *table = static_cast<RmidOpenstrEntry *>(
         std::calloc(static_cast<size_t>(kOpenTableSize), sizeof(RmidOpenstrEntry)));
@@ -36,7 +37,11 @@ bool createTable() {
         table[i].rmid = kEmptyRmid;
         std::memcpy(table[i].openstring, " ", 2);
     }
-    pRmidOpenstrTable = table;
+    RmidOpenstrEntry *none = nullptr;
+    if (!__atomic_compare_exchange_n(&pRmidOpenstrTable, &none, table, false, __ATOMIC_ACQ_REL,
+                                     __ATOMIC_ACQUIRE)) {
+        std::free(table);
+    }
     return true;
 }
 

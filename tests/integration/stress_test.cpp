@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <latch>
 #include <map>
 #include <numeric>
 #include <set>
@@ -78,9 +79,15 @@ TEST_P(Stress, ConcurrentCommitsGiveDefinedCodesAndLeaveThePoolConsistent) {
 
     std::vector<int> codes(static_cast<size_t>(kThreads * commits));
     std::vector<std::jthread> threads;
+    std::latch ready(kThreads);
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back(
-            [commits, xid = xidOf(t), mine = codes.begin() + t * commits]() mutable {
+            [commits, xid = xidOf(t), mine = codes.begin() + t * commits, &ready]() mutable {
+                // Every thread opens, as a coordinator opens each thread's resource manager:
+                // the first opens race to create the open table, and no copy may be left.
+                char openString[] = "qm=QM1";
+                ready.arrive_and_wait();
+                EXPECT_EQ(xa_open_entry_jms(openString, 1, TMNOFLAGS), XA_OK);
                 for (long c = 0; c < commits; ++c) {
                     mine[c] = xa_commit_entry_jms(&xid, 1, TMNOFLAGS);
                 }
