@@ -2,8 +2,8 @@
  * Everything libxajms exports: the start function and switch record that a transaction
  * manager uses, the broker-side start-up hooks, the trace facility, the registry, pool and
  * listener operations that other modules call, and the process-wide data they look up.
- * Usable from C and C++. The pool lock is a POSIX read-write lock: a C host compiled with a
- * strict standard (-std=c11) defines _POSIX_C_SOURCE 200809L or _GNU_SOURCE for it.
+ * Usable from C and C++, a strict ISO C host (-std=c11) included: the pool lock, a POSIX
+ * read-write lock, is declared only where the C library shows that type (see iRWLock_jms).
  */
 #ifndef XAJMS_XAJMS_H
 #define XAJMS_XAJMS_H
@@ -148,7 +148,14 @@ typedef struct ConnectionPool {
 
 XAJMS_API extern int flSocketInit_jms;
 XAJMS_API extern ConnectionPool processConnectionPool_jms;
+/* Read-write locks belong to POSIX.1-2001: a C host compiled with a strict ISO standard sees
+ * the lock only when it asks for POSIX (_POSIX_C_SOURCE 200112L or later, _XOPEN_SOURCE 500
+ * or later, _GNU_SOURCE or _DEFAULT_SOURCE), as it must to call the lock functions at all. */
+#if defined(__cplusplus) || !defined(__STRICT_ANSI__) ||                  \
+    (defined(_POSIX_C_SOURCE) && _POSIX_C_SOURCE >= 200112L) ||         \
+    (defined(_XOPEN_SOURCE) && _XOPEN_SOURCE >= 500)
 XAJMS_API extern pthread_rwlock_t iRWLock_jms;
+#endif
 XAJMS_API extern int flConnectionPoolInitialized_jms;
 XAJMS_API extern int flSocketBrokerHasDeployed_jms;
 

@@ -1,6 +1,7 @@
 // The senders' single entry to the pool: an action code selects a get (with its three
 // attempts), a return, a refresh or a clear, each run under the pool lock. The lock is never
-// held across the sleep between attempts.
+// held across the sleep between attempts. Each action also keeps the record of which caller
+// holds which socket (pool/holders.cpp).
 #include "pool/pool.h"
 
 #include <unistd.h>
@@ -20,6 +21,9 @@ int getWithRetries(int port) {
     for (int attempt = 0; attempt < xajms::pool::kGetAttempts; ++attempt) {
         lockConnectionPool_jms();
         rc = poolGetNext_jms(port);
+        if (rc > 0) {
+            xajms::pool::hold(rc);
+        }
         unlockConnectionPool_jms();
         if (rc > 0) {
             break;
@@ -68,6 +72,7 @@ void connectionSocketPool_jms(int port, int *sockfd, int action) {
             if (sockfd != nullptr) {
                 lockConnectionPool_jms();
                 poolReturn_jms(port, *sockfd);
+                xajms::pool::giveBack(*sockfd, false);
                 unlockConnectionPool_jms();
             }
             break;
@@ -75,6 +80,7 @@ void connectionSocketPool_jms(int port, int *sockfd, int action) {
             if (sockfd != nullptr) {
                 lockConnectionPool_jms();
                 poolReturnAndRefresh_jms(port, *sockfd);
+                xajms::pool::giveBack(*sockfd, true);
                 unlockConnectionPool_jms();
             }
             break;
@@ -82,6 +88,7 @@ void connectionSocketPool_jms(int port, int *sockfd, int action) {
             traceJMSData(sockettraceJMSfile, kXASocket, kFunction, "About to clear all ports");
             lockConnectionPool_jms();
             poolClear_jms(port);
+            xajms::pool::endHold();
             unlockConnectionPool_jms();
             break;
         default:

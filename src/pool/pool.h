@@ -53,7 +53,8 @@ int usedPorts();
 // The number of a row's slots that may be read: rows cut to 0 .. 30.
 int liveSlots(const PortRow &row);
 
-// Index of the first slot below liveSlots(row) that holds sockfd, or -1.
+// Index of the first slot below liveSlots(row) that holds sockfd, or -1; -1 as well when
+// the calling thread has closed that descriptor number itself (see closedByMe).
 int findSlot(const PortRow &row, int sockfd);
 
 // Adds delta to a counter with two's-complement wrap-around, so that a drifting `available`
@@ -61,8 +62,33 @@ int findSlot(const PortRow &row, int sockfd);
 int32_t wrapAdd(int32_t value, int32_t delta);
 
 // Shuts a descriptor down for reading, then for writing, and closes it; the results are
-// not examined. A hardened process never closes descriptor 0 or below here.
+// not examined. Descriptor 0, which an emptied slot holds, names no socket of the pool and
+// is left alone: closing it would close the host's standard input, or a trace file or new
+// socket that took the number, which the pool would then take for no socket. A hardened
+// process leaves a negative descriptor alone too.
 void shutAndClose(int sockfd);
+
+// The callers that hold sockets of the pool, kept by the calling thread and called under the
+// pool lock. An action-10 get records its socket with hold(), which first ends the thread's
+// earlier hold; actions 20 and 30 give it back with giveBack() (last for 30, after which the
+// thread names it no more) and action 40 ends the hold with endHold(). A socket detached
+// while held is closed at its holder's give-back or end of hold, not before.
+void hold(int sockfd);
+void giveBack(int sockfd, bool last);
+void endHold();
+// A caller whose request could not be written leaves its socket in its slot, in use, and
+// names it no more: it is no longer held (a clear closes it), or closed now when a clear has
+// detached it already. Needs no pool lock.
+void abandon(int sockfd);
+
+// Asked before a clear or refresh closes the socket of an in-use slot: when a caller holds it
+// (a caller other than the calling thread, with othersOnly), marks it to be closed when its
+// holder gives it back, leaves it open meanwhile, and returns true.
+bool detachIfHeld(int sockfd, bool othersOnly);
+
+// True when the calling thread closed this descriptor number at its last give-back: the
+// number may since name another caller's new socket, which that thread must not touch.
+bool closedByMe(int sockfd);
 
 // After the top slot was emptied: lowers rows past it and past every further empty slot
 // below, stopping at a slot that holds a descriptor or at 0.

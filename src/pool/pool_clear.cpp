@@ -1,6 +1,7 @@
 // Clearing the pool table for one port or for all ports: every live slot is shut down,
-// closed and emptied, in use or not, while the rows and their counters stay as they are.
-// The caller holds the pool lock.
+// closed and emptied, in use or not, while the rows and their counters stay as they are; a
+// socket that a caller holds is closed when its holder gives it back. The caller holds the
+// pool lock.
 #include "pool/pool.h"
 
 #include "trace/trace.h"
@@ -16,9 +17,11 @@ constexpr char kFunction[] = "poolClear";
 
 extern "C" {
 
-// Closes the sockets of the port's row, or of every row when port is -1. Descriptor 0 of an
-// emptied slot is closed like any other. A hardened process leaves the sockets that callers
-// hold to them (each returns or replaces its own) and descriptor 0 open.
+// Closes the sockets of the port's row, or of every row when port is -1. An emptied slot's
+// descriptor 0 names no socket and is left alone (see shutAndClose). A held socket stays open
+// until its holder gives it back: were its number reused by the next connection meanwhile,
+// the holder would read the answer meant for that connection's caller. A hardened process
+// leaves held sockets in their slots (each holder returns or replaces its own).
 void poolClear_jms(int port) {
     const bool tracing = xajms::trace::on(sockettraceJMSfile);
     if (tracing) {
@@ -40,7 +43,9 @@ void poolClear_jms(int port) {
                 continue;
             }
             const int sockfd = row.slot[i].sockfd;
-            xajms::pool::shutAndClose(sockfd);
+            if (row.slot[i].inUse == 0 || !xajms::pool::detachIfHeld(sockfd, false)) {
+                xajms::pool::shutAndClose(sockfd);
+            }
             if (tracing) {
                 xajms::trace::data(sockettraceJMSfile, kXASocket, kFunction, "closing sockfd %d",
                                    sockfd);

@@ -3,9 +3,6 @@
 // slot. The caller holds the pool lock.
 #include "pool/pool.h"
 
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstdint>
 
 #include "trace/trace.h"
@@ -56,7 +53,7 @@ void traceDecremented(const char *function, const PortRow &row) {
 }
 
 // Closes idle sockets from the top slot down until the reduction is reached or slot 0 has
-// been passed. Every idle slot counts, an emptied one too (closing descriptor 0 then).
+// been passed. Every idle slot counts, an emptied one too (its descriptor 0 is left open).
 void shrink(PortRow &row, int64_t reduction) {
     int64_t closed = 0;
     for (int i = xajms::pool::liveSlots(row) - 1; i >= 0 && closed < reduction; --i) {
@@ -146,9 +143,10 @@ int poolReturnAndRefresh_jms(int port, int returnSockfd) {
             continue;
         }
         SocketSlot &slot = row.slot[i];
-        shutdown(returnSockfd, SHUT_RD);
-        shutdown(slot.sockfd, SHUT_WR);
-        close(slot.sockfd);
+        // A socket that another caller took meanwhile is left open to it (see poolClear_jms).
+        if (slot.inUse == 0 || !xajms::pool::detachIfHeld(slot.sockfd, true)) {
+            xajms::pool::shutAndClose(slot.sockfd);  // the slot holds returnSockfd
+        }
         if (tracing()) {
             xajms::trace::data(sockettraceJMSfile, kXASocket, kRefresh, "closed sockfd %d",
                                slot.sockfd);

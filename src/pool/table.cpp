@@ -27,6 +27,9 @@ int liveSlots(const PortRow &row) {
 }
 
 int findSlot(const PortRow &row, int sockfd) {
+    if (closedByMe(sockfd)) {
+        return -1;
+    }
     const int live = liveSlots(row);
     for (int i = 0; i < live; ++i) {
         if (row.slot[i].sockfd == sockfd) {
@@ -41,10 +44,9 @@ int32_t wrapAdd(int32_t value, int32_t delta) {
 }
 
 void shutAndClose(int sockfd) {
-    // An emptied slot holds descriptor 0, which the pool does not own: a hardened process
-    // leaves it (often the host's standard input) open, so that no socket can land on the
-    // pool's "no connection".
-    if (sockfd <= 0 && hardened()) {
+    // An emptied slot holds descriptor 0, which the pool does not own: it stays open (often
+    // the host's standard input), so that no socket can land on the pool's "no connection".
+    if (sockfd == 0 || (sockfd < 0 && hardened())) {
         return;
     }
     shutdown(sockfd, SHUT_RD);

@@ -161,6 +161,7 @@ int sendXAClose_jms(const char *text, int rmid, long flags) {
             if (sent < 0) {
                 traceJMSExitData(sockettraceJMSfile, kXASocket, kCloseName,
                                  "ERROR writing on socket");
+                xajms::pool::abandon(sockfd);
                 return XAER_RMFAIL;
             }
             xajms::trace::data(sockettraceJMSfile, kXASocket, kCloseName, "wrote %d bytes",

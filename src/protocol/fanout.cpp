@@ -202,6 +202,7 @@ bool askListener(int port, const unsigned char *request, int msgSize, FanOut &f)
     if (sent < 0) {
         traceJMSData(sockettraceJMSfile, kXASocket, kFanOut, ": <ERROR> failure writing on socket");
         f.last = kNoAnswer;
+        xajms::pool::abandon(sockfd);
         return false;
     }
     xajms::trace::data(sockettraceJMSfile, kXASocket, kFanOut, " wrote %d bytes",

@@ -213,6 +213,7 @@ bool askStartUpListener(int port, int rmid, long flags, XID *xids, long count, R
         unsigned char request[xajms::protocol::kRequestBuffer];
         buildRecoverRequest(request, rmid, flags);
         if (xajms::protocol::sendRequest(r.sockfd, request, xajms::protocol::kHeaderSize) < 0) {
+            xajms::pool::abandon(r.sockfd);
             return false;
         }
         unsigned char reply[xajms::protocol::kRecoverBuffer];

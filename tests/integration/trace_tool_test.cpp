@@ -340,7 +340,7 @@ TEST(TraceTool, TimelinePageDrawsTheLanesInHeadlessChromium) {
     }();
     ASSERT_FALSE(status.empty()) << run.out.substr(0, 2000);
     EXPECT_EQ(status[1].str(),
-              "drew 2 lanes and 101 calls, transaction 4711:gtrid02:0x62713a3032 selected");
+              "drew 2 lanes and 100 calls, transaction 4711:gtrid02:0x62713a3032 selected");
     const std::regex lane("<g class=\"lane\" data-pid=\"(\\d+)\">");
     std::vector<std::string> pids;
     for (auto it = std::sregex_iterator(run.out.begin(), run.out.end(), lane);

@@ -2,7 +2,9 @@
 #include "support/fakes.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 
@@ -33,8 +35,7 @@ void *malloc(size_t size) noexcept {
     return failThisAllocation(__builtin_return_address(0)) ? nullptr : __libc_malloc(size);
 }
 void *calloc(size_t count, size_t size) noexcept {
-    return failThisAllocation(__builtin_return_address(0)) ? nullptr
-                                                           : __libc_calloc(count, size);
+    return failThisAllocation(__builtin_return_address(0)) ? nullptr : __libc_calloc(count, size);
 }
 #endif
 
@@ -91,6 +92,55 @@ int open(const char *path, int flags, ...) {
         va_end(args);
     }
     return Fakes::open ? Fakes::open(path, flags, mode) : xajms::test::realOpen(path, flags, mode);
+}
+#endif
+
+#ifndef XAJMS_TEST_THREAD_SANITIZER
+// The pool lock's calls: the script's result while one is set, else the C library's.
+using RwlockCall = int (*)(pthread_rwlock_t *);
+static int rwlockCall(std::string_view call, RwlockCall real, pthread_rwlock_t *lock) {
+    return Fakes::rwlock ? Fakes::rwlock(call) : real(lock);
+}
+int pthread_rwlock_wrlock(pthread_rwlock_t *lock) noexcept {
+    static auto fn = Fakes::next<RwlockCall>("pthread_rwlock_wrlock");
+    return rwlockCall("wrlock", fn, lock);
+}
+int pthread_rwlock_unlock(pthread_rwlock_t *lock) noexcept {
+    static auto fn = Fakes::next<RwlockCall>("pthread_rwlock_unlock");
+    return rwlockCall("unlock", fn, lock);
+}
+int pthread_rwlock_destroy(pthread_rwlock_t *lock) noexcept {
+    static auto fn = Fakes::next<RwlockCall>("pthread_rwlock_destroy");
+    return rwlockCall("destroy", fn, lock);
+}
+int gethostbyname_r(const char *__restrict name, hostent *__restrict entry, char *__restrict buffer,
+                    size_t length, hostent **__restrict found, int *__restrict error) {
+    using Fn = int (*)(const char *, hostent *, char *, size_t, hostent **, int *);
+    static auto fn = Fakes::next<Fn>("gethostbyname_r");
+    return Fakes::resolve ? Fakes::resolve(entry, found)
+                          : fn(name, entry, buffer, length, found, error);
+}
+int socket(int domain, int type, int protocol) noexcept {
+    static auto fn = Fakes::next<int (*)(int, int, int)>("socket");
+    if (Fakes::fail && Fakes::fail("socket")) {
+        errno = EMFILE;
+        return -1;
+    }
+    return fn(domain, type, protocol);
+}
+int setsockopt(int fd, int level, int name, const void *value, socklen_t length) noexcept {
+    static auto fn = Fakes::next<int (*)(int, int, int, const void *, socklen_t)>("setsockopt");
+    if (Fakes::fail && Fakes::fail("setsockopt")) {
+        errno = EINVAL;
+        return -1;
+    }
+    return fn(fd, level, name, value, length);
+}
+int pthread_rwlock_init(pthread_rwlock_t *__restrict lock,
+                        const pthread_rwlockattr_t *__restrict attributes) noexcept {
+    static auto fn = Fakes::next<int (*)(pthread_rwlock_t *, const pthread_rwlockattr_t *)>(
+        "pthread_rwlock_init");
+    return Fakes::rwlock ? Fakes::rwlock("init") : fn(lock, attributes);
 }
 #endif
 

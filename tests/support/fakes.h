@@ -1,11 +1,13 @@
 // Fakes of the C library calls that make tests slow, unrepeatable or hard to fail.
 // tests/support/fakes.cpp defines sleep, time, gettimeofday, getpid, poll, recv, dlopen, open,
-// malloc and calloc in the test executables, so that libxajms's calls land there first.
+// the pool lock's pthread_rwlock_* calls, gethostbyname_r, socket, setsockopt, malloc and
+// calloc in the test executables, so that libxajms's calls land there first.
 // sleep never sleeps: it counts, and moves the fake clock on while that is armed. The others
 // forward to the C library until armed.
 #pragma once
 
 #include <dlfcn.h>
+#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -13,6 +15,7 @@
 
 #include <atomic>
 #include <functional>
+#include <string_view>
 
 namespace xajms::test {
 
@@ -20,6 +23,12 @@ using PollScript = std::function<int(pollfd *, nfds_t, int)>;
 using RecvScript = std::function<ssize_t(int, void *, size_t, int)>;
 using DlopenScript = std::function<void *(const char *, int)>;
 using OpenScript = std::function<int(const char *, int, mode_t)>;
+// Stands for pthread_rwlock_init, _wrlock, _unlock and _destroy, named by their last word.
+using RwlockScript = std::function<int(std::string_view)>;
+// Stands for gethostbyname_r: fills the entry and the result pointer, returns the call's result.
+using ResolveScript = std::function<int(hostent *, hostent **)>;
+// Asked by socket and setsockopt, named: true fails the call (errno EMFILE and EINVAL).
+using FailScript = std::function<bool(std::string_view)>;
 
 // The state that the interposed calls read.
 struct Fakes {
@@ -33,6 +42,9 @@ struct Fakes {
     static inline RecvScript recv;
     static inline DlopenScript dlopen;
     static inline OpenScript open;
+    static inline RwlockScript rwlock;
+    static inline ResolveScript resolve;
+    static inline FailScript fail;
 
     template <typename Fn>
     static Fn next(const char *name) {
@@ -74,7 +86,22 @@ inline void setDlopen(DlopenScript script) {
 inline void setOpen(OpenScript script) {
     Fakes::open = std::move(script);
 }
+// While set, the four lock calls return what the script returns, without locking anything.
+// Not available under ThreadSanitizer, which intercepts them itself.
+inline void setRwlock(RwlockScript script) {
+    Fakes::rwlock = std::move(script);
+}
+// While set, makeConnection_jms's calls ask the scripts first (not under ThreadSanitizer).
+inline void setResolve(ResolveScript script) {
+    Fakes::resolve = std::move(script);
+}
+inline void setFail(FailScript script) {
+    Fakes::fail = std::move(script);
+}
 inline void clearScripts() {
+    Fakes::resolve = nullptr;
+    Fakes::fail = nullptr;
+    Fakes::rwlock = nullptr;
     Fakes::poll = nullptr;
     Fakes::recv = nullptr;
     Fakes::dlopen = nullptr;
@@ -98,7 +125,8 @@ inline int realOpen(const char *path, int flags, mode_t mode) {
 }
 
 // AddressSanitizer and ThreadSanitizer own the allocator: under them the test executables
-// leave malloc and calloc to the C library (gcc names the sanitizer by a macro, clang by a feature).
+// leave malloc and calloc to the C library (gcc names the sanitizer by a macro, clang by a
+// feature).
 #if defined(__SANITIZE_THREAD__)
 #define XAJMS_TEST_THREAD_SANITIZER 1
 #endif

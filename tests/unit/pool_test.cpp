@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <latch>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -94,7 +96,7 @@ TEST_F(Pool, ReturnShrinksByTheShareOfIdleSockets) {
         {6, 0x7, 0, 3, 6, 4, 0},  // the reduction is truncated to none
         {10, 0x207, 0, 6, 10, 6, 1u << 8},
         {6, 0x3F, 0, 5, 6, 5, 0x1},               // drift: the walk goes down to slot 0
-        {10, 0x1, 1u << 8, 9, 6, 6, 0xFu << 6}};  // last, as it closes descriptor 0
+        {10, 0x1, 1u << 8, 9, 6, 6, 0xFu << 6}};  // the emptied slot counts, 0 stays open
     for (const auto &[rows, inUse, empty, available, rowsAfter, availableAfter, closed] : cases) {
         SCOPED_TRACE(testing::PrintToString(std::tie(rows, inUse, empty, available)));
         const Slots before = fillRow(0, 4000, rows, available, inUse, empty);
@@ -104,11 +106,10 @@ TEST_F(Pool, ReturnShrinksByTheShareOfIdleSockets) {
         for (int i = 0; i < rows; ++i) {
             if ((closed >> i) & 1u) {
                 after[i] = {0, 0};
-                EXPECT_FALSE(isOpen(before[i].first)) << "slot " << i;
+                EXPECT_EQ(isOpen(before[i].first), before[i].first == 0) << "slot " << i;
             }
         }
         EXPECT_EQ(rowOf(0), want(4000, rowsAfter, availableAfter, after));
-        EXPECT_EQ(isOpen(0), empty == 0);
     }
 }
 
@@ -118,11 +119,69 @@ TEST_F(Pool, ClearEmptiesSlotsButKeepsRowsAndCounters) {
     poolClear_jms(4001);
     EXPECT_EQ(rowOf(0), want(4000, 2, 1, a));
     EXPECT_EQ(rowOf(1), want(4001, 3, 2, {}));
-    EXPECT_TRUE(isOpen(0));
-    poolClear_jms(-1);  // row 1's emptied slots hold descriptor 0, which is closed too
+    poolClear_jms(-1);  // row 1's emptied slots hold descriptor 0, which names no socket
     EXPECT_EQ(rowOf(0), want(4000, 2, 1, {}));
     EXPECT_FALSE(isOpen(a[0].first));
-    EXPECT_FALSE(isOpen(0));
+    EXPECT_TRUE(isOpen(0));  // the host's, never closed by the pool
+}
+
+// A socket that a caller holds when a clear empties its slot (another caller's failed read)
+// stays open until its holder is done with it: closed under the holder, its number would go
+// to the next connection, and the holder would read that connection's answer.
+TEST_F(Pool, ASocketHeldThroughAClearIsClosedWhenItsHolderIsDone) {
+    LoopbackPort listener;
+    const int port = listener.port();
+    auto clearAll = [] {
+        lockConnectionPool_jms();
+        poolClear_jms(-1);
+        unlockConnectionPool_jms();
+    };
+    // Done by giving it back (20), as broken (30), by clearing its port as the close does (40),
+    // or by getting its next socket (10) after a failed write left it unreturned.
+    for (int done : {20, 30, 40, 10}) {
+        SCOPED_TRACE(done);
+        int held = 0;
+        connectionSocketPool_jms(port, &held, 10);
+        clearAll();
+        EXPECT_EQ(rowOf(0), want(port, 1, 0, {}));
+        EXPECT_TRUE(isOpen(held));
+        int next = held;
+        connectionSocketPool_jms(port, &next, done);
+        EXPECT_FALSE(isOpen(held));
+        connectionSocketPool_jms(port, &next, 20);
+    }
+
+    // Another thread's give-back closed a; this thread's connection took a's number. The
+    // refresh that thread sends after its give-back leaves this socket alone; a refresh of it
+    // by a thread that never held it empties its slot but leaves it open to this thread.
+    int a = 0;
+    std::vector<int> below;  // every free descriptor below a, so that a's number comes next
+    std::latch given(1), taken(1);
+    std::jthread other([&] {
+        connectionSocketPool_jms(port, &a, 10);
+        clearAll();
+        for (int fd = 0; fd >= 0 && fd < a;) {
+            fd = open("/dev/null", O_RDONLY);
+            below.push_back(fd);
+        }
+        connectionSocketPool_jms(port, &a, 20);
+        given.count_down();
+        taken.wait();
+        connectionSocketPool_jms(port, &a, 30);
+        EXPECT_EQ(rowOf(0), want(port, 1, 0, {{a, 1}}));
+        connectionSocketPool_jms(port, &a, 30);
+        EXPECT_EQ(rowOf(0), want(port, 0, -1, {}));  // the top slot emptied
+    });
+    given.wait();
+    int b = 0;
+    connectionSocketPool_jms(port, &b, 10);
+    taken.count_down();
+    other.join();
+    ASSERT_EQ(b, a);
+    EXPECT_TRUE(isOpen(b));
+    connectionSocketPool_jms(port, &b, 20);
+    EXPECT_FALSE(isOpen(b));
+    std::for_each(below.begin(), below.end(), close);
 }
 
 // Hardened: a clear closes only idle sockets and leaves descriptor 0 open; a refresh keeps the
@@ -162,6 +221,9 @@ TEST_F(Pool, CountsOutsideTheTableAreReadAsItsBounds) {
     for (int numPorts : {600, -3}) {
         pool.numPorts = numPorts;
         EXPECT_EQ(poolGetNext_jms(4000), -2);
+        int none = -5;
+        connectionSocketPool_jms(4000, &none, 10);  // three attempts, as for a full row
+        EXPECT_EQ(none, 0);
         poolClear_jms(-1);
         poolReturn_jms(4000, 5);
         EXPECT_EQ(pool.numPorts, numPorts);
@@ -177,10 +239,11 @@ TEST_F(Pool, CountsOutsideTheTableAreReadAsItsBounds) {
     Slots edge = fillRow(0, 4000, 6, INT32_MAX);
     poolReturn_jms(4000, edge[5].first);  // the counter wraps; its share is negative
     edge[5].second = 0;
+    EXPECT_EQ(sleepCalls(), 6);  // the two gets for a port that finds no row
     for (int action : {10, 20, 30}) {
         connectionSocketPool_jms(4000, nullptr, action);  // nothing to store or hand back
     }
-    EXPECT_EQ(sleepCalls(), 0);
+    EXPECT_EQ(sleepCalls(), 6);
     EXPECT_EQ(rowOf(0), want(4000, 6, INT32_MIN, edge));
 }
 
@@ -210,6 +273,150 @@ TEST_F(Pool, ListingShowsEachUsedRowWithAllThirtySlots) {
 int failWith(int code) {
     errno = code;
     return -1;
+}
+
+// A connection attempt ends at the first call that fails: the name "localhost" that resolves to
+// no usable IPv4 address, the socket, or the connect (whose descriptor stays open). A failed
+// TCP_NODELAY is traced only; a longer address than IPv4's is cut to its four bytes.
+TEST_F(Pool, AConnectionAttemptEndsAtTheFirstCallThatFails) {
+#ifdef XAJMS_TEST_THREAD_SANITIZER
+    GTEST_SKIP() << "ThreadSanitizer intercepts socket itself";
+#endif
+    static char loopback[16] = {127, 0, 0, 1};
+    static char *addresses[] = {loopback, nullptr}, *none[] = {nullptr};
+    auto resolving = [](int rc, bool found, char **list, int length) -> ResolveScript {
+        return [=](hostent *entry, hostent **result) {
+            *entry = hostent{nullptr, nullptr, AF_INET, length, list};
+            *result = found ? entry : nullptr;
+            return rc;
+        };
+    };
+    const std::string host = "} XASocket makeConnection   <ERROR> failed while getting host ";
+    // the resolver's result (none: the C library's), the call made to fail, whether the port
+    // listens, and the lines after "Attempting to connect" (N: the new descriptor)
+    const std::tuple<ResolveScript, const char *, bool, Lines> cases[] = {
+        {resolving(ERANGE, true, addresses, 4), "", true, {host}},
+        {resolving(0, false, addresses, 4), "", true, {host}},
+        {resolving(0, true, nullptr, 4), "", true, {host}},
+        {resolving(0, true, none, 4), "", true, {host}},
+        {resolving(0, true, addresses, -1), "", true, {host}},
+        {resolving(0, true, addresses, 16),
+         "",
+         true,
+         {"} XASocket makeConnection   now socket connected to Java listener sokfd=N on port=P"}},
+        {nullptr,
+         "socket",
+         true,
+         {"} XASocket makeConnection   <ERROR> failed while opening socket on port "}},
+        {nullptr,
+         "setsockopt",
+         true,
+         {"  XASocket makeConnection   <ERROR> setsockopt rcode =-1",
+          "} XASocket makeConnection   now socket connected to Java listener sokfd=N on port=P"}},
+        {nullptr,
+         "",
+         false,
+         {"} XASocket makeConnection   <ERROR> failed while connecting on port"}},
+    };
+    for (const auto &[resolve, failing, listening, ending] : cases) {
+        SCOPED_TRACE(ending.back() + " " + failing);
+        LoopbackPort listener(listening);
+        const std::string port = std::to_string(listener.port());
+        enableSocketTrace(prefix);
+        flSocketInit_jms = 0;
+        const int before = openDescriptors();
+        setResolve(resolve);
+        setFail([failing = std::string_view(failing)](std::string_view call) {
+            return call == failing;
+        });
+        const int sockfd = makeConnection_jms(listener.port());
+        clearScripts();
+        EXPECT_EQ(sockfd > 0, ending.back().find("now socket") != std::string::npos);
+        EXPECT_EQ(flSocketInit_jms, sockfd > 0 ? 1 : 0);
+        Lines want = {golden(1, "{ XASocket makeConnection   port=" + port),
+                      golden(1, "  XASocket makeConnection   Unix socket Starting"),
+                      golden(1,
+                             "  XASocket makeConnection   Attempting to connect to Java "
+                             "listener on port = " +
+                                 port)};
+        for (std::string line : ending) {
+            if (const auto n = line.find("=N on port=P"); n != std::string::npos) {
+                line.replace(n, 12, "=" + std::to_string(sockfd) + " on port=" + port);
+            }
+            want.push_back(golden(1, line));
+        }
+        EXPECT_EQ(traceLines(prefix), want);
+        // A connected socket is the caller's and a refused one stays open; no other is left.
+        EXPECT_EQ(openDescriptors(), before + (sockfd > 0 || !listening ? 1 : 0));
+        if (sockfd > 0) {
+            close(sockfd);
+        }
+    }
+}
+
+// The lock calls report failure by an error number; initialisation, lock and unlock take only
+// -1 as failure, the destroy any non-zero result. The flag starts at 2, so that a success
+// shows by setting it to 1 (to 0 for the destroy).
+TEST_F(Pool, LockCallsFailOnlyWhereTheirTestSaysSo) {
+#ifdef XAJMS_TEST_THREAD_SANITIZER
+    GTEST_SKIP() << "ThreadSanitizer intercepts the lock calls itself";
+#endif
+    const std::string init = "initializeConnectionPoolLock", pid = "    called for pid 12345 ";
+    const std::string lock = "lockConnectionPool_jms", unlock = "unlockConnectionPool";
+    const std::string destroy = "deleteConnectionPool";
+    struct Case {
+        void (*operation)();
+        std::string entry, exit;  // the function literals of the entry and exit lines
+        int result, error, before, after;
+        std::string line;  // function literal and data of the one data line
+    } cases[] = {
+        {initializeConnectionPoolLock_jms, init + pid, init, -1, EAGAIN, 0, 0,
+         "initializeConnectionPoolock_jms   Error creating ConnectionPool rwlock : Resource "
+         "temporarily unavailable"},
+        {initializeConnectionPoolLock_jms, init + pid, init, EAGAIN, 0, 0, 1,
+         "initializeConnectionPoolock_jms   Created ConnectionPool rwlock"},
+        {lockConnectionPool_jms, lock + " ", lock, -1, EDEADLK, 2, 2,
+         "lockConnectionPool_jms   Error locking ConnectionPool rwlock : Resource deadlock "
+         "avoided"},
+        {lockConnectionPool_jms, lock + " ", lock, EDEADLK, 0, 2, 1,
+         "lockConnectionPool   locked ConnectionPool_jms rwlock"},
+        {unlockConnectionPool_jms, unlock + " ", unlock, -1, EPERM, 2, 2,
+         "unlockConnectionPool_jms   Error unlocking ConnectionPool rwlock : Operation not "
+         "permitted"},
+        {unlockConnectionPool_jms, unlock + " ", unlock, EPERM, 0, 2, 1,
+         "unlockConnectionPool   unlocked ConnectionPool rwlock"},
+        {deleteConnectionPoolLock_jms, destroy + "_jms ", destroy, EBUSY, EBUSY, 2, 2,
+         "deleteConnectionPoolLock_jms   Error deleteing ConnectionPool rwlock : Device or "
+         "resource busy"},
+        {deleteConnectionPoolLock_jms, destroy + "_jms ", destroy, 0, 0, 2, 0,
+         "deleteConnectionPoolLock_jmd   deleted ConnectionPool rwlock"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.line);
+        for (const bool traced : {false, true}) {  // the flag moves alike without the trace
+            enableSocketTrace(traced ? prefix : "NoTrace");
+            flConnectionPoolInitialized_jms = c.before;
+            setRwlock([&c](std::string_view) {
+                errno = c.error;
+                return c.result;
+            });
+            c.operation();
+            clearScripts();
+            EXPECT_EQ(flConnectionPoolInitialized_jms, c.after);
+        }
+        EXPECT_EQ(traceLines(prefix),
+                  (Lines{golden(1, "{ XASocket " + c.entry), golden(1, "  XASocket " + c.line),
+                         golden(1, "} XASocket " + c.exit + " ")}));
+    }
+    // A pool action that cannot create the lock does nothing at all, an unknown one neither.
+    setRwlock([](std::string_view) { return -1; });
+    flConnectionPoolInitialized_jms = 0;
+    int untouched = 7;
+    connectionSocketPool_jms(4000, &untouched, 10);
+    clearScripts();
+    connectionSocketPool_jms(4000, &untouched, 11);
+    EXPECT_EQ(untouched, 7);
+    EXPECT_EQ(pool.numPorts, 0);
 }
 
 // Each case reads from a pooled socket with "abc" waiting; the unscripted poll and recv are real.

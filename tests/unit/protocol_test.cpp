@@ -368,6 +368,34 @@ TEST_F(Protocol, StartUpPortAsEntryCountAsksNobodyAndAFailedWriteSendsNoClose) {
     EXPECT_EQ(registryMode(0), kStartUp);
 }
 
+// A start-up recovery that gets no answer is XAER_RMFAIL, and still sends the close where it
+// finds the port: without a start-up row it looks five times a second apart, and the close
+// five times more; a refused port is asked for a socket twice (three attempts a second apart
+// each, a second after each), and once more by the close; a listener that closes the
+// connection unanswered takes the close on a new connection and is marked dead.
+TEST_F(Protocol, StartUpRecoveryWithoutAnAnswerIsXaerRmfail) {
+    const LoopbackPort listening, refusing(false);
+    // the registry's row (mode, port), whether a silent peer is pooled, the seconds slept and
+    // the row's mode afterwards
+    const std::tuple<int, int, bool, int, int> cases[] = {
+        {kBroker, listening.port(), false, 10, kBroker},
+        {kStartUp, refusing.port(), false, 11, kStartUp},
+        {kStartUp, listening.port(), true, 0, kDead},
+    };
+    for (const auto &[mode, port, silent, slept, modeAfter] : cases) {
+        SCOPED_TRACE(port);
+        writeRegistry({{mode, port}});
+        if (silent) {
+            shutdown(poolPeer(port, {}), SHUT_WR);
+        }
+        const int sleeps = sleepCalls();
+        XID xids[1];
+        EXPECT_EQ(sendStartUpXARecover_jms(xids, 1, 1, 0), -7);
+        EXPECT_EQ(sleepCalls() - sleeps, slept);
+        EXPECT_EQ(registryMode(0), modeAfter);
+    }
+}
+
 }  // namespace
 
 // Interposed over the library's fan-out, which the senders reach through the dynamic linker;

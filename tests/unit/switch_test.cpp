@@ -244,6 +244,7 @@ TEST(XaEntries, EachEntryMapsTheListenersAnswerByItsOwnRow) {
     const std::tuple<int (*)(XID *, int, long), int, int, int> cases[] = {
         {xa_prepare_entry_jms, 0x2002, XAER_RMERR, XAER_RMERR},
         {xa_commit_entry_jms, 0x2003, XAER_RMERR, XAER_RMFAIL},
+        {xa_commit_entry_jms, 0x2003, XAER_PROTO, XAER_RMFAIL},
         {xa_rollback_entry_jms, 0x2004, XAER_RMERR, XAER_RMFAIL},
         {xa_rollback_entry_jms, 0x2004, XAER_INVAL, XAER_INVAL},
         {xa_forget_entry_jms, 0x2008, XAER_RMERR, XAER_RMFAIL}};

@@ -2,6 +2,7 @@
 // behaviour, and the --help text. Every refusal is a UsageError with a one-line reason.
 #include "options.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <filesystem>
@@ -37,6 +38,9 @@ Answers:
   --commit N          commit,
   --rollback N        rollback and
   --forget N          forget. N is a signed decimal number, e.g. --rollback -4.
+  --answer XID=N      answer N to every prepare, commit, rollback and forget for this
+                      XID (written as for --xid), whatever the type's code is;
+                      repeatable, a later rule for the same XID wins.
   --xid F:GTRID:BQUAL add an XID to the recover answer (repeatable, in order), written
                       as every xajms tool writes XIDs: F the formatID in decimal,
                       optionally negative; GTRID and BQUAL each printable text without
@@ -103,11 +107,11 @@ T parseNumber(std::string_view text, std::string_view option, int base) {
 
 // An XID in the tools' notation. Its parts may be longer than 64 bytes, so that over-long
 // records can be sent on purpose.
-XidParts xidOption(std::string_view text) {
+XidParts xidOption(std::string_view text, std::string_view option = "--xid") {
     std::string why;
     std::optional<XidParts> xid = tools::parseXid(text, why);
     if (!xid) {
-        fail("--xid", why + ", got '" + std::string(text) + "'");
+        fail(option, why + ", got '" + std::string(text) + "'");
     }
     return std::move(*xid);
 }
@@ -162,6 +166,15 @@ Handler answerCode(RequestType type, std::string_view option) {
     };
 }
 
+void applyAnswer(Options &o, std::string_view v) {
+    const auto eq = v.rfind('=');
+    if (eq == std::string_view::npos) {
+        fail("--answer", "expected F:GTRID:BQUAL=N, got '" + std::string(v) + "'");
+    }
+    o.answers.emplace_back(xidOption(v.substr(0, eq), "--answer"),
+                           parseNumber<std::int32_t>(v.substr(eq + 1), "--answer", 10));
+}
+
 void applyDropEvery(Options &o, std::string_view v) {
     o.dropEvery = parseNumber<std::uint64_t>(v, "--drop-every", 10);
     if (o.dropEvery == 0) {
@@ -210,6 +223,7 @@ const std::vector<OptionEntry> &optionTable() {
         {"--commit", true, answerCode(RequestType::commit, "--commit")},
         {"--rollback", true, answerCode(RequestType::rollback, "--rollback")},
         {"--forget", true, answerCode(RequestType::forget, "--forget")},
+        {"--answer", true, applyAnswer},
         {"--xid", true, [](Options &o, std::string_view v) { o.xids.push_back(xidOption(v)); }},
         {"--recover-count", true,
          [](Options &o, std::string_view v) {
@@ -293,6 +307,23 @@ Behaviour behaviourFor(const Options &o, std::uint64_t n, RequestType type) {
     }
     const auto index = static_cast<std::size_t>(type);
     return index < o.byType.size() ? o.byType[index] : Behaviour{};
+}
+
+std::int32_t codeFor(const Options &o, RequestType type, std::span<const std::uint8_t> payload) {
+    XidView v{};
+    if (!o.answers.empty() && decodeXid(payload, v) == XidStatus::valid) {
+        for (auto it = o.answers.rbegin(); it != o.answers.rend(); ++it) {
+            const XidParts &x = it->first;
+            const auto byte = [](char c, std::uint8_t b) {
+                return static_cast<std::uint8_t>(c) == b;
+            };
+            if (x.formatID == v.formatId && std::ranges::equal(x.gtrid, v.gtrid, byte) &&
+                std::ranges::equal(x.bqual, v.bqual, byte)) {
+                return it->second;
+            }
+        }
+    }
+    return o.codes[static_cast<std::size_t>(type)];
 }
 
 std::string_view helpText() {

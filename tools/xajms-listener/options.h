@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -35,6 +36,8 @@ struct Options {
     bool registerRow = true;
     // Answer codes of prepare, commit, rollback and forget, indexed by RequestType.
     std::array<std::int32_t, 4> codes{};
+    // Answer codes for given XIDs, whatever the completion request; a later rule wins.
+    std::vector<std::pair<XidParts, std::int32_t>> answers;
     std::array<Behaviour, kAnsweredTypes> byType{};
     // Behaviour of the nth request (counted from 1 over all types); wins over byType.
     std::map<std::uint64_t, Behaviour> byNumber;
@@ -65,6 +68,10 @@ void checkRegistryDirectory(const Options &options);
 // What a request numbered n of this type is to suffer: the rule for n, else a drop when n is
 // a multiple of dropEvery, else the rule for the type.
 Behaviour behaviourFor(const Options &o, std::uint64_t n, RequestType type);
+
+// The code answered to a completion request of this type whose payload is `payload`: the
+// last --answer rule for its XID, else the type's code.
+std::int32_t codeFor(const Options &o, RequestType type, std::span<const std::uint8_t> payload);
 
 std::string_view helpText();
 

@@ -256,7 +256,7 @@ After Server::handle(Connection &c, const Header &h, std::span<const std::uint8_
     const Behaviour b = behaviourFor(options_, n, *type);
     std::int32_t code = 0;
     if (*type != RequestType::recover) {
-        code = options_.codes[static_cast<std::size_t>(*type)];
+        code = codeFor(options_, *type, payload);
         putInt(c.code.data(), code);
         line.xid(payload);
     }
