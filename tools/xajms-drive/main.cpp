@@ -80,7 +80,9 @@ int driveLoaded(const xajms::drive::Options &options) {
 }
 
 // What the process holds that an unloaded library could have left behind: open descriptors
-// and memory mappings, counted from /proc/self.
+// and mappings of files (the registry file, the library itself), counted from /proc/self.
+// Anonymous mappings are left out: the C library's and a sanitizer's allocators map and unmap
+// them as they please.
 struct Holdings {
     long descriptors = 0;
     long mappings = 0;
@@ -96,8 +98,11 @@ Holdings holdings() {
         held.descriptors -= 1;  // the directory's own descriptor
     }
     if (std::FILE *maps = std::fopen("/proc/self/maps", "r"); maps != nullptr) {
-        for (int c = std::fgetc(maps); c != EOF; c = std::fgetc(maps)) {
-            held.mappings += c == '\n' ? 1 : 0;
+        // A line is "range perms offset dev inode [path]"; a file's path starts with '/'.
+        char line[4096];
+        while (std::fgets(line, sizeof line, maps) != nullptr) {
+            const char *path = std::strchr(line, '/');
+            held.mappings += path != nullptr ? 1 : 0;
         }
         std::fclose(maps);
     }

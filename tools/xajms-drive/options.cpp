@@ -55,7 +55,7 @@ Options:
                       "thread=T round=R" and a last line gives the totals.
   --reload            load the library before each of the --repeat rounds and unload it
                       after, as a transaction manager that loads the switch per client
-                      does; a last line gives the descriptors and mappings the process
+                      does; a last line gives the descriptors and file mappings the process
                       gained after the first unload, and any gain counts as unexpected
   -h, --help          print this text and exit
 
