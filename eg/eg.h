@@ -79,7 +79,8 @@ struct ResultFree {
 using Result = std::unique_ptr<PGresult, ResultFree>;
 
 // How a statement ended: done (its command tag in tag), refused by the server (SQLSTATE in
-// state), or lost with the connection.
+// state; also kept when the refusal came with the connection's end), or lost with the
+// connection.
 enum class Ended { done, refused, lost };
 
 struct Reply {
@@ -91,6 +92,14 @@ struct Reply {
 
 // Runs one statement, with text parameters when given.
 Reply run(PGconn *pg, const char *sql, const std::vector<std::string> &params = {});
+
+// The replies to statements sent as one query string, in order, as far as they came back. The
+// server runs none after one it refused. sent is false when the string could not be sent.
+struct Series {
+    bool sent = false;
+    std::vector<Reply> replies;
+};
+Series runSeries(PGconn *pg, const std::string &sql);
 
 // The first line of libpq's message about the connection.
 std::string connectionError(PGconn *pg);

@@ -85,26 +85,50 @@ int prepareUnknown(const std::string &gid, int rmid) {
     return PQntuples(r.result.get()) > 0 ? XA_OK : XA_RBROLLBACK;
 }
 
-// Prepares an ended branch. A branch that wrote nothing commits at once (XA_RDONLY); a
-// transaction that PostgreSQL has aborted, or aborts instead of preparing, votes rollback.
-// Returns XAER_RMFAIL only when PREPARE was sent and its end is unknown.
+// Commits the prepared branch of a read-only test that found nothing written: XA_RDONLY
+// once it is gone. When the COMMIT PREPARED does not end so, the branch stays prepared
+// (XA_OK) for the coordinator's commit or rollback, which are the same for it.
+int commitReadOnly(Branch &b) {
+    const Reply r = run(b.conn->pg, ("COMMIT PREPARED '" + b.gid + "'").c_str());
+    if (r.ended == Ended::done) {
+        return abandon(b, XA_RDONLY);
+    }
+    b.state = BranchState::prepared;
+    release(b.conn);
+    b.conn = nullptr;
+    return XA_OK;
+}
+
+// Prepares an ended branch. The read-only test and the PREPARE go to the server in one round
+// trip; a branch that wrote nothing is then committed at once (XA_RDONLY). A transaction that
+// PostgreSQL has aborted, or aborts instead of preparing, votes rollback. Returns XAER_RMFAIL
+// only when the PREPARE may have run and its end is unknown.
 int prepareIdle(Branch &b) {
     PGconn *pg = b.conn->pg;
     if (PQtransactionStatus(pg) != PQTRANS_INTRANS) {
         return abandon(b, PQstatus(pg) == CONNECTION_OK ? XA_RBROLLBACK : XA_RBCOMMFAIL);
     }
-    const Reply ro = run(pg, "SELECT pg_current_xact_id_if_assigned() IS NULL");
-    if (ro.ended != Ended::done) {
-        return abandon(b, ro.ended == Ended::lost ? XA_RBCOMMFAIL : XA_RBROLLBACK);
+    const Series s = runSeries(
+        pg, "SELECT pg_current_xact_id_if_assigned() IS NULL; PREPARE TRANSACTION '" + b.gid + "'");
+    const bool connected = PQstatus(pg) == CONNECTION_OK;
+    if (!s.sent) {
+        return abandon(b, XA_RBCOMMFAIL);
     }
-    if (PQgetvalue(ro.result.get(), 0, 0)[0] == 't') {
-        const Reply commit = run(pg, "COMMIT");
-        const bool done = commit.ended == Ended::done && commit.tag == "COMMIT";
-        return done ? abandon(b, XA_RDONLY) : abandon(b, XA_RBROLLBACK);
+    // A test that the server refused, even with its last word before closing, stopped the
+    // string there: the PREPARE behind it never ran.
+    if (!s.replies.empty() && s.replies[0].ended != Ended::done && !s.replies[0].state.empty()) {
+        return abandon(b, connected ? XA_RBROLLBACK : XA_RBCOMMFAIL);
     }
-    const std::string sql = "PREPARE TRANSACTION '" + b.gid + "'";
-    const Reply r = run(pg, sql.c_str());
+    if (s.replies.size() < 2 || s.replies[0].ended != Ended::done) {
+        return abandon(b, XAER_RMFAIL);
+    }
+    const bool readOnly = PQntuples(s.replies[0].result.get()) == 1 &&
+                          PQgetvalue(s.replies[0].result.get(), 0, 0)[0] == 't';
+    const Reply &r = s.replies[1];
     if (r.ended == Ended::done && r.tag == "PREPARE TRANSACTION") {
+        if (readOnly) {
+            return commitReadOnly(b);
+        }
         b.state = BranchState::prepared;
         release(b.conn);
         b.conn = nullptr;
