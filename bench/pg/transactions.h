@@ -18,9 +18,11 @@ inline constexpr long kFormatId = 0x62656e63;
 bool switchTransaction(xa_switch_t *sw, int thread, long n);
 
 // The same work on two connections of the thread's own: BEGIN and the INSERT on each,
-// PREPARE TRANSACTION of each, COMMIT PREPARED of each. With checked, each PREPARE is preceded
-// by the read-only test that the execution group makes before it. True when every statement
-// succeeded.
-bool directTransaction(PGconn *a, PGconn *b, int thread, long n, bool checked);
+// PREPARE TRANSACTION of each, COMMIT PREPARED of each. With hops, each PREPARE and COMMIT
+// PREPARED is preceded by a request to the execution group's listener that needs no database
+// work (xa_forget_entry of an XID it does not hold): the four listener round trips that the
+// switch's prepares and commits make, and nothing else of the switch. True when every
+// statement and request succeeded.
+bool directTransaction(PGconn *a, PGconn *b, int thread, long n, xa_switch_t *hops);
 
 }  // namespace xajms::bench_pg
