@@ -21,29 +21,36 @@ using StartFunction = JNISwitchJMS *(*)();
 // Replays the open string stored for the rmid through jniXAJMSOpen, if the open table holds
 // one; a successful replay means the table need not be fetched again.
 void deferredOpen(int rmid, long flags) {
-    if (pRmidOpenstrTable == nullptr) {
-        return;
-    }
-    traceJMSData(jmstracefile, kVarnelink, "xa_start_entry_jms",
-                 "Retrieving Openstring stored by xa_open_entry_jms");
-    for (int i = 0; i < xajms::switch_::kOpenTableSize; ++i) {
-        const RmidOpenstrEntry &entry = pRmidOpenstrTable[i];
-        if (entry.rmid == static_cast<uint32_t>(rmid)) {
-            traceJMSData(jmstracefile, kVarnelink, "xa_start_entry_jms",
-                         "found rmid in openstrings and calling jniXAJMSOpen");
-            char openstring[sizeof entry.openstring + 1];
-            xajms::switch_::copyOpenString(entry, openstring);
-            const int rc = xajms::switch_::javaOpen(openstring, rmid, flags);
-            xajms::trace::data(jmstracefile, kVarnelink, "xa_start_entry_jms",
-                               "return code from jniXAJMSOpen = %d", rc);
-            if (rc == 0) {
-                flGotJNISwitch_jms += 1;
+    char openstring[sizeof RmidOpenstrEntry::openstring + 1];
+    {
+        const xajms::switch_::OpenTableGuard guard;
+        if (pRmidOpenstrTable == nullptr) {
+            return;
+        }
+        traceJMSData(jmstracefile, kVarnelink, "xa_start_entry_jms",
+                     "Retrieving Openstring stored by xa_open_entry_jms");
+        int at = 0;
+        while (at < xajms::switch_::kOpenTableSize &&
+               pRmidOpenstrTable[at].rmid != static_cast<uint32_t>(rmid)) {
+            if (pRmidOpenstrTable[at].rmid == xajms::switch_::kEmptyRmid) {
+                return;
             }
+            ++at;
+        }
+        if (at == xajms::switch_::kOpenTableSize) {
             return;
         }
-        if (entry.rmid == xajms::switch_::kEmptyRmid) {
-            return;
-        }
+        traceJMSData(jmstracefile, kVarnelink, "xa_start_entry_jms",
+                     "found rmid in openstrings and calling jniXAJMSOpen");
+        xajms::switch_::copyOpenString(pRmidOpenstrTable[at], openstring);
+    }
+    // Java is called without the guard: an open there may take long, and closes of other
+    // threads must not wait for it.
+    const int rc = xajms::switch_::javaOpen(openstring, rmid, flags);
+    xajms::trace::data(jmstracefile, kVarnelink, "xa_start_entry_jms",
+                       "return code from jniXAJMSOpen = %d", rc);
+    if (rc == 0) {
+        flGotJNISwitch_jms += 1;
     }
 }
 

@@ -3,6 +3,7 @@
 // once. The first open and the last close of a process empty the connection pool.
 #include "switch/switch.h"
 
+#include <pthread.h>
 #include <cstdlib>
 #include <cstring>
 
@@ -16,6 +17,8 @@ using xajms::trace::kVarnelink;
 
 constexpr char kOpen[] = "xa_open_entry_jms";
 constexpr int kXaerRmerr = -3;
+
+pthread_mutex_t openTableLock = PTHREAD_MUTEX_INITIALIZER;
 
 // Closes every pooled connection of the process under the pool lock.
 void clearPool() {
@@ -58,6 +61,7 @@ int refuse(const char *reason) {
 int storeOpenString(const char *openstring, int rmid) {
     traceJMSData(jmstracefile, kVarnelink, kOpen,
                  "Not Broker Process so save the rmid and openstring");
+    const xajms::switch_::OpenTableGuard guard;
     if (pRmidOpenstrTable == nullptr && !createTable()) {
         return refuse("Unable to allocate space for rmid to openstring table");
     }
@@ -111,6 +115,27 @@ int openInJava(char *openstring, int rmid, long flags) {
 
 }  // namespace
 
+namespace xajms::switch_ {
+
+OpenTableGuard::OpenTableGuard() {
+    pthread_mutex_lock(&openTableLock);
+}
+
+OpenTableGuard::~OpenTableGuard() {
+    pthread_mutex_unlock(&openTableLock);
+}
+
+void freeOpenTableIfIdle() {
+    if (pthread_mutex_trylock(&openTableLock) != 0) {
+        return;
+    }
+    std::free(pRmidOpenstrTable);
+    pRmidOpenstrTable = nullptr;
+    pthread_mutex_unlock(&openTableLock);
+}
+
+}  // namespace xajms::switch_
+
 extern "C" {
 
 // Counts the open, empties the pool on the first open of the process, and either remembers
@@ -123,16 +148,24 @@ int xa_open_entry_jms(char *openstring, int rmid, long flags) {
     traceJMSEntry(jmstracefile, kVarnelink, kOpen);
     char empty[1] = {'\0'};
     char *text = openstring != nullptr ? openstring : empty;
-    intXAOpen_jms += 1;
+    int opens = 0;
+    bool first = false;
+    {
+        const xajms::switch_::OpenTableGuard guard;
+        opens = intXAOpen_jms += 1;
+        first = intClearedConnectionPool_jms == 0 && opens == 1;
+        if (first) {
+            intClearedConnectionPool_jms = 1;
+        }
+    }
     if (xajms::trace::on(jmstracefile)) {
         xajms::trace::data(jmstracefile, kVarnelink, kOpen,
                            "Open string=%s, rmid=%d, number of opens this process=%d", text, rmid,
-                           intXAOpen_jms);
+                           opens);
         traceJMSMsgFlags(jmstracefile, kVarnelink, kOpen, static_cast<unsigned long>(flags));
     }
-    if (intClearedConnectionPool_jms == 0 && intXAOpen_jms == 1) {
+    if (first) {
         clearPool();
-        intClearedConnectionPool_jms = 1;
     }
     if (!xajms::switch_::isBrokerProcess()) {
         return storeOpenString(text, rmid);
@@ -149,12 +182,19 @@ int xa_close_entry_jms(char * /*openstring*/, int rmid, long flags) {
         traceJMSMsgFlags(jmstracefile, kVarnelink, "xa_close_entry_jms",
                          static_cast<unsigned long>(flags));
     }
-    if (intXAOpen_jms > 0) {
-        intXAOpen_jms -= 1;
+    bool last = false;
+    {
+        const xajms::switch_::OpenTableGuard guard;
+        if (intXAOpen_jms > 0) {
+            intXAOpen_jms -= 1;
+        }
+        last = intXAOpen_jms == 0;
+        if (last) {
+            std::free(pRmidOpenstrTable);
+            pRmidOpenstrTable = nullptr;
+        }
     }
-    if (intXAOpen_jms == 0) {
-        std::free(pRmidOpenstrTable);
-        pRmidOpenstrTable = nullptr;
+    if (last) {
         clearPool();
         XARCToStr_jms("XA_CLOSE", XA_OK);
     }

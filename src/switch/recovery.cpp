@@ -16,6 +16,7 @@ constexpr char kRecover[] = "xa_recover_entry_jms";
 
 // Looks up the open string stored for the rmid and traces it. Returns true when found.
 bool tracedOpenString(int rmid) {
+    const xajms::switch_::OpenTableGuard guard;
     if (pRmidOpenstrTable == nullptr) {
         return false;
     }

@@ -13,6 +13,20 @@ inline constexpr uint32_t kEmptyRmid = 999;
 // Copies a record's open string, which need not be terminated, into a terminated text.
 void copyOpenString(const RmidOpenstrEntry &entry, char (&out)[sizeof entry.openstring + 1]);
 
+// Held while a thread counts an open or a close, or reads or changes the open table, so that
+// another thread's last close never frees the table under it. Nothing that waits on Java or a
+// listener runs under it.
+class OpenTableGuard {
+  public:
+    OpenTableGuard();
+    ~OpenTableGuard();
+    OpenTableGuard(const OpenTableGuard &) = delete;
+    OpenTableGuard &operator=(const OpenTableGuard &) = delete;
+};
+
+// Frees the open table unless a thread is using it; for the unload, when no thread should be.
+void freeOpenTableIfIdle();
+
 // Calls jniXAJMSOpen of the fetched table; -3 (XAER_RMERR) when there is no table or slot.
 int javaOpen(char *openstring, int rmid, long flags);
 

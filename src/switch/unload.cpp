@@ -3,8 +3,6 @@
 // close freed. A loaded library never runs this, so nothing it does changes.
 #include "switch/switch.h"
 
-#include <cstdlib>
-
 #include "pool/pool.h"
 #include "registry/registry.h"
 
@@ -18,8 +16,7 @@ __attribute__((destructor)) void releaseOnUnload() {
         return;
     }
     xajms::registry::detach();
-    std::free(pRmidOpenstrTable);
-    pRmidOpenstrTable = nullptr;
+    xajms::switch_::freeOpenTableIfIdle();
 }
 
 }  // namespace

@@ -196,4 +196,35 @@ TEST(StressHardened, EveryThreadGetsTheAnswerToItsOwnRequest) {
     }
 }
 
+// Coordinator threads of a queue-manager process that each open, recover and close over and
+// over: a last close frees the open table that another thread's open or recover is reading,
+// unless the table and the open count are guarded. Every open is counted and every close
+// counted down, so the count ends at 0 with the table freed.
+TEST(StressOpens, OpensRecoversAndClosesOfManyThreadsKeepTheCountAndTheTable) {
+    if (const std::string why = enterPrivateOrlom(); !why.empty()) {
+        GTEST_SKIP() << why;
+    }
+    unsetenv("XAJMS_TRACEFILE");
+    constexpr long kRounds = 10000;
+    std::vector<long> failed(kThreads);
+    std::vector<std::jthread> threads;
+    std::latch ready(kThreads);
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &failed, &ready] {
+            char openString[] = "qm=QM1";
+            XID found[2] = {};
+            ready.arrive_and_wait();
+            for (long r = 0; r < kRounds; ++r) {
+                failed[t] += xa_open_entry_jms(openString, 1 + t % 3, TMNOFLAGS) != XA_OK;
+                failed[t] += xa_recover_entry_jms(found, 2, 1 + t % 3, TMSTARTRSCAN) != 0;
+                failed[t] += xa_close_entry_jms(openString, 1 + t % 3, TMNOFLAGS) != XA_OK;
+            }
+        });
+    }
+    threads.clear();  // joins them
+    EXPECT_EQ(std::accumulate(failed.begin(), failed.end(), 0L), 0);
+    EXPECT_EQ(intXAOpen_jms, 0);
+    EXPECT_EQ(pRmidOpenstrTable, nullptr);
+}
+
 }  // namespace
