@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -60,7 +61,9 @@ int failed(const char *text) {
 extern "C" {
 
 // Returns the connected descriptor (> 0), or 0 when the host name does not resolve, no
-// socket can be had or the connect fails. A socket that failed to connect stays open.
+// socket can be had or the connect fails. A socket that failed to connect stays open, except
+// in a hardened process, which closes it: a listener that refuses connections would
+// otherwise cost the host three descriptors a request.
 int makeConnection_jms(int port) {
     const bool tracing = xajms::trace::on(sockettraceJMSfile);
     if (tracing) {
@@ -89,6 +92,9 @@ int makeConnection_jms(int port) {
                            optRc);
     }
     if (connect(sockfd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        if (xajms::pool::hardened()) {
+            close(sockfd);
+        }
         return failed("<ERROR> failed while connecting on port");
     }
     if (tracing) {
