@@ -27,9 +27,9 @@ void clearPool() {
     unlockConnectionPool_jms();
 }
 
-// Allocates the open table in one piece, every record empty, and installs it unless another
-// thread's first open installed one meanwhile; then that table is used and this one freed, so
-// that threads opening at once leave no table behind. Returns false when memory is short.
+// Allocates the open table in one piece, every record empty, and installs it. The caller
+// holds the open-table guard, so that threads opening at once install one table between
+// them. Returns false when memory is short.
 bool createTable() {
     auto *table = static_cast<RmidOpenstrEntry *>(
         std::calloc(static_cast<size_t>(kOpenTableSize), sizeof(RmidOpenstrEntry)));
@@ -40,11 +40,7 @@ bool createTable() {
         table[i].rmid = kEmptyRmid;
         std::memcpy(table[i].openstring, " ", 2);
     }
-    RmidOpenstrEntry *none = nullptr;
-    if (!__atomic_compare_exchange_n(&pRmidOpenstrTable, &none, table, false, __ATOMIC_ACQ_REL,
-                                     __ATOMIC_ACQUIRE)) {
-        std::free(table);
-    }
+    pRmidOpenstrTable = table;
     return true;
 }
 
