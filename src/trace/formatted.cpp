@@ -23,7 +23,7 @@ __attribute__((format(printf, 5, 0))) void write(Writer writer, const char *pref
 #define XAJMS_FORMATTED(name, writer)                                                              \
     void name(const char *prefix, const char *component, const char *function, const char *format, \
               ...) {                                                                               \
-        if (prefix == nullptr || !on(prefix)) {                                                    \
+        if (!on(prefix)) {                                                                         \
             return;                                                                                \
         }                                                                                          \
         va_list args;                                                                              \

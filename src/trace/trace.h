@@ -35,7 +35,8 @@ inline bool on(const char *prefix) {
 void copyFromEnvironment(char *prefix);
 
 // Format a text into a 512-byte buffer and hand it to traceJMSData, traceJMSEntryData or
-// traceJMSExitData; nothing is formatted while the prefix does not trace.
+// traceJMSExitData; nothing is formatted while the prefix does not trace. The prefix is one
+// of the library's two trace prefixes, never null.
 void data(const char *prefix, const char *component, const char *function, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 void entryData(const char *prefix, const char *component, const char *function, const char *format,
