@@ -103,12 +103,15 @@ TEST_F(JniBridge, BrokerProcessOpensAndEndsInJava) {
 
 // The stored open string fills its record: Java gets it cut at 256 characters.
 TEST_F(JniBridge, StartReplaysTheStoredOpenOnceAndFollowsJavaUnlessDeployed) {
-    // open stored, Java's open and start answers, deployed, result, slots called, switch kept
-    const std::tuple<bool, int, int, int, int, std::vector<int>, int> cases[] = {
-        {false, 0, 0, 0, XA_OK, {2, 2}, 0},
-        {true, -3, 0, 0, XA_OK, {0, 2, 0, 2}, 0},  // a failed deferred open is tried again
-        {true, 0, XAER_PROTO, 1, XA_OK, {0, 2, 2}, 1}};
-    for (const auto &[store, openRc, startRc, deployed, result, called, gotSwitch] : cases) {
+    // open stored, Java's open and start answers, deployed, result, slots called, switch
+    // kept, rmid started
+    const std::tuple<bool, int, int, int, int, std::vector<int>, int, int> cases[] = {
+        {false, 0, 0, 0, XA_OK, {2, 2}, 0, 7},
+        {true, -3, 0, 0, XA_OK, {0, 2, 0, 2}, 0, 7},  // a failed deferred open is tried again
+        {true, 0, XAER_PROTO, 1, XA_OK, {0, 2, 2}, 1, 7},
+        {true, 0, 0, 0, XA_OK, {2, 2}, 0, 9}};  // no record for the rmid: nothing to replay
+    for (const auto &[store, openRc, startRc, deployed, result, called, gotSwitch, rmid] :
+         cases) {
         SCOPED_TRACE(testing::PrintToString(called));
         flGotJNISwitch_jms = 0;
         if (store) {  // the records stay from the first case with one
@@ -117,15 +120,15 @@ TEST_F(JniBridge, StartReplaysTheStoredOpenOnceAndFollowsJavaUnlessDeployed) {
         }
         flBrokerHasDeployed_jms = deployed;
         pellux.answer(openRc, startRc, 0);
-        EXPECT_EQ(xa_start_entry_jms(&xid, 7, TMNOFLAGS), result);
-        EXPECT_EQ(xa_start_entry_jms(&xid, 7, TMNOFLAGS), result);
+        EXPECT_EQ(xa_start_entry_jms(&xid, rmid, TMNOFLAGS), result);
+        EXPECT_EQ(xa_start_entry_jms(&xid, rmid, TMNOFLAGS), result);
         const std::vector<PelluxCall> calls = pellux.calls();
         std::vector<int> slots(calls.size());
         std::transform(calls.begin(), calls.end(), slots.begin(), [](auto &c) { return c.slot; });
         ASSERT_EQ(slots, called);
         EXPECT_EQ(flGotJNISwitch_jms, gotSwitch);
-        EXPECT_EQ(calls[0].openstring, store ? std::string(256, 'o') : "");
-        EXPECT_EQ(calls[0].rmid, 7);
+        EXPECT_EQ(calls[0].openstring, store && rmid == 7 ? std::string(256, 'o') : "");
+        EXPECT_EQ(calls[0].rmid, rmid);
     }
 }
 
