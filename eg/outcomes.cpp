@@ -112,7 +112,7 @@ int prepareIdle(Branch &b) {
         pg, "SELECT pg_current_xact_id_if_assigned() IS NULL; PREPARE TRANSACTION '" + b.gid + "'");
     const bool connected = PQstatus(pg) == CONNECTION_OK;
     if (!s.sent) {
-        return abandon(b, XA_RBCOMMFAIL);
+        return abandon(b, connected ? XA_RBROLLBACK : XA_RBCOMMFAIL);
     }
     // A test that the server refused, even with its last word before closing, stopped the
     // string there: the PREPARE behind it never ran.
