@@ -144,8 +144,7 @@ void print(const std::vector<Row> &rows, const std::string &json) {
         std::printf("%-56s %8.1f %8.1f %9.0f   %7.3f %7.3f %7.3f\n",
                     ("libpq direct + 4 listener requests, " + setting).c_str(), r.hops.p50Us,
                     r.hops.p99Us, r.hops.callsPerSecond, r.hops.p50Us / r.direct.p50Us,
-                    r.hops.p99Us / r.direct.p99Us,
-                    r.hops.callsPerSecond / r.direct.callsPerSecond);
+                    r.hops.p99Us / r.direct.p99Us, r.hops.callsPerSecond / r.direct.callsPerSecond);
         std::printf("%-56s %8.1f %8.1f %9.0f   %7.3f %7.3f %7.3f%s\n",
                     ("through the switch, " + setting).c_str(), r.viaSwitch.p50Us,
                     r.viaSwitch.p99Us, r.viaSwitch.callsPerSecond, p50, p99, rate,

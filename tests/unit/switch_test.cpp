@@ -110,8 +110,7 @@ TEST_F(JniBridge, StartReplaysTheStoredOpenOnceAndFollowsJavaUnlessDeployed) {
         {true, -3, 0, 0, XA_OK, {0, 2, 0, 2}, 0, 7},  // a failed deferred open is tried again
         {true, 0, XAER_PROTO, 1, XA_OK, {0, 2, 2}, 1, 7},
         {true, 0, 0, 0, XA_OK, {2, 2}, 0, 9}};  // no record for the rmid: nothing to replay
-    for (const auto &[store, openRc, startRc, deployed, result, called, gotSwitch, rmid] :
-         cases) {
+    for (const auto &[store, openRc, startRc, deployed, result, called, gotSwitch, rmid] : cases) {
         SCOPED_TRACE(testing::PrintToString(called));
         flGotJNISwitch_jms = 0;
         if (store) {  // the records stay from the first case with one
