@@ -29,20 +29,13 @@ void deferredOpen(int rmid, long flags) {
         }
         traceJMSData(jmstracefile, kVarnelink, "xa_start_entry_jms",
                      "Retrieving Openstring stored by xa_open_entry_jms");
-        int at = 0;
-        while (at < xajms::switch_::kOpenTableSize &&
-               pRmidOpenstrTable[at].rmid != static_cast<uint32_t>(rmid)) {
-            if (pRmidOpenstrTable[at].rmid == xajms::switch_::kEmptyRmid) {
-                return;
-            }
-            ++at;
-        }
-        if (at == xajms::switch_::kOpenTableSize) {
+        const RmidOpenstrEntry *entry = xajms::switch_::openRecord(rmid);
+        if (entry == nullptr || entry->rmid != static_cast<uint32_t>(rmid)) {
             return;
         }
         traceJMSData(jmstracefile, kVarnelink, "xa_start_entry_jms",
                      "found rmid in openstrings and calling jniXAJMSOpen");
-        xajms::switch_::copyOpenString(pRmidOpenstrTable[at], openstring);
+        xajms::switch_::copyOpenString(*entry, openstring);
     }
     // Java is called without the guard: an open there may take long, and closes of other
     // threads must not wait for it.

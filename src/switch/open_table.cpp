@@ -61,15 +61,11 @@ int storeOpenString(const char *openstring, int rmid) {
     if (pRmidOpenstrTable == nullptr && !createTable()) {
         return refuse("Unable to allocate space for rmid to openstring table");
     }
-    int at = 0;
-    while (at < kOpenTableSize && pRmidOpenstrTable[at].rmid != static_cast<uint32_t>(rmid) &&
-           pRmidOpenstrTable[at].rmid != kEmptyRmid) {
-        ++at;
-    }
-    if (at == kOpenTableSize) {
+    RmidOpenstrEntry *found = xajms::switch_::openRecord(rmid);
+    if (found == nullptr) {
         return refuse("Unable to store openstring - rmid to openstring table is full");
     }
-    RmidOpenstrEntry &entry = pRmidOpenstrTable[at];
+    RmidOpenstrEntry &entry = *found;
     if (entry.rmid == static_cast<uint32_t>(rmid)) {
         xajms::trace::data(jmstracefile, kVarnelink, kOpen,
                            "xa_open_entry found existing slot for rmid %d", rmid);
@@ -119,6 +115,16 @@ OpenTableGuard::OpenTableGuard() {
 
 OpenTableGuard::~OpenTableGuard() {
     pthread_mutex_unlock(&openTableLock);
+}
+
+RmidOpenstrEntry *openRecord(int rmid) {
+    for (int i = 0; i < kOpenTableSize; ++i) {
+        RmidOpenstrEntry &entry = pRmidOpenstrTable[i];
+        if (entry.rmid == static_cast<uint32_t>(rmid) || entry.rmid == kEmptyRmid) {
+            return &entry;
+        }
+    }
+    return nullptr;
 }
 
 void freeOpenTableIfIdle() {

@@ -21,22 +21,17 @@ bool tracedOpenString(int rmid) {
         return false;
     }
     traceJMSData(jmstracefile, kVarnelink, kRecover, "Check Storing Openstring in temporary cache");
-    for (int i = 0; i < xajms::switch_::kOpenTableSize; ++i) {
-        const RmidOpenstrEntry &entry = pRmidOpenstrTable[i];
-        if (entry.rmid == static_cast<uint32_t>(rmid)) {
-            char rmidText[8];
-            intToAlpha_jms(rmid, rmidText);
-            char openstring[sizeof entry.openstring + 1];
-            xajms::switch_::copyOpenString(entry, openstring);
-            xajms::trace::data(jmstracefile, kVarnelink, kRecover,
-                               " found openstring %s for rmid %d", openstring, rmid);
-            return true;
-        }
-        if (entry.rmid == xajms::switch_::kEmptyRmid) {
-            return false;
-        }
+    const RmidOpenstrEntry *entry = xajms::switch_::openRecord(rmid);
+    if (entry == nullptr || entry->rmid != static_cast<uint32_t>(rmid)) {
+        return false;
     }
-    return false;
+    char rmidText[8];
+    intToAlpha_jms(rmid, rmidText);
+    char openstring[sizeof entry->openstring + 1];
+    xajms::switch_::copyOpenString(*entry, openstring);
+    xajms::trace::data(jmstracefile, kVarnelink, kRecover, " found openstring %s for rmid %d",
+                       openstring, rmid);
+    return true;
 }
 
 // Where the calling thread's recovery scan stands: how many XIDs it has handed out, or -1

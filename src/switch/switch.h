@@ -24,6 +24,10 @@ class OpenTableGuard {
     OpenTableGuard &operator=(const OpenTableGuard &) = delete;
 };
 
+// The rmid's record in the open table, or the first empty record ahead of it; null when every
+// record holds another rmid. The caller holds the guard, and the table exists.
+RmidOpenstrEntry *openRecord(int rmid);
+
 // Frees the open table unless a thread is using it; for the unload, when no thread should be.
 void freeOpenTableIfIdle();
 
