@@ -85,20 +85,6 @@ int prepareUnknown(const std::string &gid, int rmid) {
     return PQntuples(r.result.get()) > 0 ? XA_OK : XA_RBROLLBACK;
 }
 
-// Commits the prepared branch of a read-only test that found nothing written: XA_RDONLY
-// once it is gone. When the COMMIT PREPARED does not end so, the branch stays prepared
-// (XA_OK) for the coordinator's commit or rollback, which are the same for it.
-int commitReadOnly(Branch &b) {
-    const Reply r = run(b.conn->pg, ("COMMIT PREPARED '" + b.gid + "'").c_str());
-    if (r.ended == Ended::done) {
-        return abandon(b, XA_RDONLY);
-    }
-    b.state = BranchState::prepared;
-    release(b.conn);
-    b.conn = nullptr;
-    return XA_OK;
-}
-
 // Prepares an ended branch. The read-only test and the PREPARE go to the server in one round
 // trip; a branch that wrote nothing is then committed at once (XA_RDONLY). A transaction that
 // PostgreSQL has aborted, or aborts instead of preparing, votes rollback. Returns XAER_RMFAIL
@@ -110,14 +96,12 @@ int prepareIdle(Branch &b) {
     }
     const Series s = runSeries(
         pg, "SELECT pg_current_xact_id_if_assigned() IS NULL; PREPARE TRANSACTION '" + b.gid + "'");
-    const bool connected = PQstatus(pg) == CONNECTION_OK;
-    if (!s.sent) {
-        return abandon(b, connected ? XA_RBROLLBACK : XA_RBCOMMFAIL);
-    }
-    // A test that the server refused, even with its last word before closing, stopped the
-    // string there: the PREPARE behind it never ran.
-    if (!s.replies.empty() && s.replies[0].ended != Ended::done && !s.replies[0].state.empty()) {
-        return abandon(b, connected ? XA_RBROLLBACK : XA_RBCOMMFAIL);
+    // A string that could not be sent, or whose test the server refused (even with its last
+    // word before closing), never ran its PREPARE.
+    const bool testRefused =
+        !s.replies.empty() && s.replies[0].ended != Ended::done && !s.replies[0].state.empty();
+    if (!s.sent || testRefused) {
+        return abandon(b, PQstatus(pg) == CONNECTION_OK ? XA_RBROLLBACK : XA_RBCOMMFAIL);
     }
     if (s.replies.size() < 2 || s.replies[0].ended != Ended::done) {
         return abandon(b, XAER_RMFAIL);
@@ -126,9 +110,11 @@ int prepareIdle(Branch &b) {
                           PQgetvalue(s.replies[0].result.get(), 0, 0)[0] == 't';
     const Reply &r = s.replies[1];
     if (r.ended == Ended::done && r.tag == "PREPARE TRANSACTION") {
-        if (readOnly) {
-            return commitReadOnly(b);
+        if (readOnly && run(pg, ("COMMIT PREPARED '" + b.gid + "'").c_str()).ended == Ended::done) {
+            return abandon(b, XA_RDONLY);
         }
+        // A read-only branch whose COMMIT PREPARED did not end so stays prepared for the
+        // coordinator's commit or rollback, which are the same for it.
         b.state = BranchState::prepared;
         release(b.conn);
         b.conn = nullptr;
