@@ -16,6 +16,7 @@
 
 #include "listener.h"
 #include "measure.h"
+#include "registry/registry.h"
 #include "report.h"
 #include "support/orlom.h"
 #include "syscalls.h"
@@ -243,11 +244,9 @@ bool parse(int argc, char **argv, Config &c) {
 // XAJMS_SANDBOX as xajms-sandbox does: the listeners then do not warn that the benchmark's
 // own processes use it.
 void markPrivateRegistry() {
-    constexpr off_t kRegistryBytes = 76040;  // the registry file's fixed size
-    const char *path = "/var/orlom/XA_SWITCH_MMF";
-    const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    const int fd = open(xajms::registry::kPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     struct stat file {};
-    if (fd >= 0 && ftruncate(fd, kRegistryBytes) == 0 && fstat(fd, &file) == 0) {
+    if (fd >= 0 && ftruncate(fd, xajms::registry::kFileSize) == 0 && fstat(fd, &file) == 0) {
         setenv("XAJMS_SANDBOX",
                (std::to_string(file.st_dev) + ":" + std::to_string(file.st_ino)).c_str(), 1);
     }
